@@ -1,0 +1,243 @@
+// vklog: a logging library of named categories. Each category is bound to a configuration
+// that says where lines go (file with size rotation, standard output, a vklogger UDP
+// server), at which levels and with which header. Configurations come from presets, from
+// key/value settings in code, or from a reloadable configuration file.
+//
+// Thread safety: every function may be called from any thread once the library is
+// initialised; a configuration may be re-applied while other threads log through it.
+// Log through the VKLOG_* macros: they test the level before any formatting.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <pthread.h>
+
+// ---- levels ---------------------------------------------------------------
+enum : int {
+    VKLOG_LEVEL_NONE = 0,
+    VKLOG_LEVEL_FATAL = 1,
+    VKLOG_LEVEL_ERROR = 2,
+    VKLOG_LEVEL_WARN = 3,
+    VKLOG_LEVEL_NOTICE = 4,
+    VKLOG_LEVEL_INFO = 5,
+    VKLOG_LEVEL_DEBUG = 6,
+    VKLOG_LEVEL_TRACE = 7,
+};
+
+// 4-character labels by level value ("NONE", "FATA", ..., "TRAC").
+extern const char *const g_vklog_level_str[8];
+
+// Level setting: value 0..7 and the sign '<' (at most), '=' (exactly) or '>' (at least).
+struct vklog_level_t {
+    int value;
+    int inequality_sign;
+};
+
+// True when a message of `level` passes the setting `lv`.
+constexpr bool vklog_level_pass(vklog_level_t lv, int level)
+{
+    switch (lv.inequality_sign) {
+    case '<':
+        return level <= lv.value;
+    case '>':
+        return level >= lv.value;
+    case '=':
+        return level == lv.value;
+    default:
+        return false;
+    }
+}
+
+// ---- configuration --------------------------------------------------------
+enum : uint8_t {
+    VKLOG_OUTPUT_FILE = 1,
+    VKLOG_OUTPUT_STDOUT = 2,
+    VKLOG_OUTPUT_STDERR = 4,
+    VKLOG_OUTPUT_VKLOGGER = 8,
+};
+
+enum : unsigned {
+    VKLOG_HEADER_TIME = 1,
+    VKLOG_HEADER_PID = 2,
+    VKLOG_HEADER_THREAD_ID = 4,
+    VKLOG_HEADER_FILE = 8,
+    VKLOG_HEADER_FUNCTION = 16,
+    VKLOG_HEADER_LINE = 32,
+    VKLOG_HEADER_LEVEL = 64,
+};
+
+enum vklog_cfg_type_t : int {
+    VKLOG_CFG_TYPE_NONE = 0,
+    VKLOG_CFG_TYPE_NAME = 1,
+    VKLOG_CFG_TYPE_DIRECTORY = 2,
+    VKLOG_CFG_TYPE_FILENAME = 3,
+    VKLOG_CFG_TYPE_OUTPUT_TYPE = 4,
+    VKLOG_CFG_TYPE_FILE_PERMISSION = 5,
+    VKLOG_CFG_TYPE_VKLOGGER_IP = 6,
+    VKLOG_CFG_TYPE_VKLOGGER_PORT = 7,
+    VKLOG_CFG_TYPE_LEVEL = 8,
+    VKLOG_CFG_TYPE_HEADER_FLAG = 9,
+    VKLOG_CFG_TYPE_INCLUDE_US_TO_TIME = 10,
+    VKLOG_CFG_TYPE_LIMIT_FILE_SIZE = 11,
+    VKLOG_CFG_TYPE_BACKUP_DIRECTORY = 12,
+    VKLOG_CFG_TYPE_BACKUP_FILE_COUNT = 13,
+};
+
+enum vklog_cfg_preset_type_t : int {
+    VKLOG_CFG_PRESET_NONE = 0,
+    VKLOG_CFG_PRESET_DEFAULT = 1,
+    VKLOG_CFG_PRESET_DEFAULT_FILE = 2,
+};
+
+struct vklog_config_t {
+    char name[128];
+    unsigned int name_len;
+    char out_dir[4096];
+    char out_file[128];
+    unsigned int out_file_len;
+    char out_path[8192];
+    unsigned int file_permission;
+    char vklogger_ip[40];
+    uint16_t vklogger_port;
+    uint8_t output;
+    unsigned int header_flag;
+    char include_us_to_time;
+    vklog_level_t level;
+    unsigned int limit_size;
+    char backup_dir[4096];
+    char backup_path[8192];
+    unsigned int backup_count;
+    int count_in_use;
+    vklog_config_t *next;
+};
+
+// ---- categories -----------------------------------------------------------
+struct vklog_lock_t {
+    pthread_mutex_t mutex;
+};
+
+struct vklog_output_file_t {
+    std::atomic<int> err_no;
+    std::atomic<int> backup_idx;
+    std::atomic<int> backup_work;
+    vklog_lock_t *fd_lock;
+};
+
+struct vklog_vklogger_perf_data_t {
+    uint32_t sent_success_count;
+    uint32_t sent_error_count;
+    uint32_t sent_size;
+};
+
+struct vklog_output_vklogger_t {
+    int sock;
+    int err_no;
+    int is_connect;
+    vklog_lock_t lock;
+    vklog_vklogger_perf_data_t perf_data;
+};
+
+struct vklog_t {
+    std::atomic<vklog_level_t> level; // copy of the configuration's level, read by the call sites
+    vklog_config_t *config;           // guarded by config_lock
+    vklog_config_t *config_temp;
+    vklog_lock_t config_lock;
+    vklog_output_file_t output_file;
+    vklog_output_file_t output_std;
+    vklog_output_vklogger_t output_vklogger;
+    std::atomic<int> last_error;
+    std::atomic<int> activate; // 0 = the category writes nothing
+};
+
+// The program's main category and its console debug category.
+extern std::atomic<vklog_t *> g_vklog;
+extern std::atomic<vklog_t *> g_vklog_console_debug;
+
+// ---- interface ------------------------------------------------------------
+// Ownership of configurations: vklog_apply_config, vklog_initialize_with_config take the
+// configuration they are given in every case (on failure it is freed). A configuration
+// that is never applied is freed with vklog_config_free.
+
+// Finish `config` and apply it. 0, or -2 (reason through *err).
+int vklog_initialize_with_config(vklog_config_t *config, int *err);
+// DEFAULT preset named `name`, finished and applied. 0; -1 bad name; -2 apply failed.
+int vklog_initialize_with_default_config(const char *name, int *err);
+// Remember `path` (reload allowed), load the file and apply every configuration in it.
+// 0, or the load's code (-11 open, -12 bracket, -13 value too long, -14 bad level).
+int vklog_initialize_with_config_file(const char *path, int *err);
+// Reload the remembered file when reload is allowed and its modification time changed. 0.
+int vklog_reload(int *err);
+// -1 when a path is already set; else store it, allow reload, 0.
+int vklog_set_config_path(const char *path);
+void vklog_set_reload_disable();
+// The category of that name, (re)activated unless OLV_DAEMON_VKLOG_DEACTIVATE is "true";
+// null when absent. A null name gives the built-in standard-output category.
+vklog_t *vklog_get_category(const char *name);
+// Apply one configuration: reconfigure the category of its name or create it (at most 12).
+// 0; -2 through the result when the 13th category is refused; see vklog.cpp for *err.
+int vklog_apply_config(vklog_config_t *config, int *err);
+
+vklog_config_t *vklog_config_new();
+vklog_config_t *vklog_config_new_from_preset(vklog_cfg_preset_type_t type);
+vklog_config_t *vklog_config_clone_from_config(const vklog_config_t *config);
+vklog_config_t *vklog_config_clone_from_vklog(vklog_t *cat);
+vklog_config_t *vklog_config_clone_from_global_log();
+vklog_config_t *vklog_config_clone_from_category(const char *name);
+void vklog_config_free(vklog_config_t *config);
+// 0; the key's number on a rejected value; -2 for a null configuration or value.
+int vklog_config_set(vklog_config_t *config, vklog_cfg_type_t key, unsigned int length, const char *value);
+int vklog_config_finish(vklog_config_t *config);
+void vklog_config_print(const vklog_config_t *config);
+
+int vklog_enable(vklog_t *cat);
+int vklog_disable(vklog_t *cat);
+int vklog_enable_from_config_name(const char *name);
+int vklog_disable_from_config_name(const char *name);
+
+// Write one line (no level filtering here: the macros filter). -1 null category or header
+// failure, -2 no configuration, 0 otherwise (also for an inactive category).
+int vklog(vklog_t *cat, const char *file, size_t file_len, const char *func, size_t func_len, long line,
+          int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
+int vklog_hex(vklog_t *cat, const char *file, size_t file_len, const char *func, size_t func_len, long line,
+              int level, int hex_print_column_count, const void *data, size_t size, const char *title_format,
+              ...) __attribute__((format(printf, 11, 12)));
+int vklog_cleanup_backup_file(vklog_t *cat);
+int vklog_get_vklogger_perf_sent(vklog_t *cat, vklog_vklogger_perf_data_t *perf);
+
+void vklog_set_global_log_handle(vklog_t *cat);
+void vklog_set_global_log_console_debug_handle(vklog_t *cat);
+void vklog_fini();
+
+const char *vklog_get_version();
+const char *vklog_get_simple_version();
+
+// ---- call-site macros -----------------------------------------------------
+// Evaluate the category once, test its level, and only then format. A null category logs
+// nothing.
+#define VKLOG_AT(cat, lvl, ...)                                                                              \
+    do {                                                                                                     \
+        vklog_t *vklog_cat_ = (cat);                                                                         \
+        if (vklog_cat_ != nullptr &&                                                                         \
+            vklog_level_pass(vklog_cat_->level.load(std::memory_order_relaxed), (lvl)))                      \
+            vklog(vklog_cat_, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__, (lvl), \
+                  __VA_ARGS__);                                                                              \
+    } while (0)
+
+#define VKLOG_FATAL(cat, ...)  VKLOG_AT(cat, VKLOG_LEVEL_FATAL, __VA_ARGS__)
+#define VKLOG_ERROR(cat, ...)  VKLOG_AT(cat, VKLOG_LEVEL_ERROR, __VA_ARGS__)
+#define VKLOG_WARN(cat, ...)   VKLOG_AT(cat, VKLOG_LEVEL_WARN, __VA_ARGS__)
+#define VKLOG_NOTICE(cat, ...) VKLOG_AT(cat, VKLOG_LEVEL_NOTICE, __VA_ARGS__)
+#define VKLOG_INFO(cat, ...)   VKLOG_AT(cat, VKLOG_LEVEL_INFO, __VA_ARGS__)
+#define VKLOG_DEBUG(cat, ...)  VKLOG_AT(cat, VKLOG_LEVEL_DEBUG, __VA_ARGS__)
+#define VKLOG_TRACE(cat, ...)  VKLOG_AT(cat, VKLOG_LEVEL_TRACE, __VA_ARGS__)
+
+#define VKLOG_HEX(cat, lvl, columns, data, size, ...)                                                        \
+    do {                                                                                                     \
+        vklog_t *vklog_cat_ = (cat);                                                                         \
+        if (vklog_cat_ != nullptr &&                                                                         \
+            vklog_level_pass(vklog_cat_->level.load(std::memory_order_relaxed), (lvl)))                      \
+            vklog_hex(vklog_cat_, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__,  \
+                      (lvl), (columns), (data), (size), __VA_ARGS__);                                        \
+    } while (0)
