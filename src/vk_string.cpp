@@ -1,0 +1,53 @@
+// vk_string: bounded copies and trimming; see vk_string.h.
+#include "vk_string.h"
+
+#include <cstring>
+
+size_t vk_strlcpy(char *dest, const char *src, size_t size)
+{
+    if (dest == nullptr || size == 0)
+        return 0;
+    if (src == nullptr) {
+        dest[0] = '\0';
+        return 0;
+    }
+    // strnlen, not strlen: src may be a fixed field without a terminator.
+    return vk_strlcpy(dest, std::string_view(src, strnlen(src, size)), size);
+}
+
+size_t vk_strlcpy(char *dest, std::string_view src, size_t size)
+{
+    if (dest == nullptr || size == 0)
+        return 0;
+    size_t n = src.size() < size - 1 ? src.size() : size - 1;
+    if (n > 0)
+        memmove(dest, src.data(), n);
+    dest[n] = '\0';
+    return n;
+}
+
+std::string_view vk_trim_view(std::string_view text, std::string_view set)
+{
+    size_t first = text.find_first_not_of(set);
+    if (first == std::string_view::npos)
+        return text.substr(0, 0);
+    size_t last = text.find_last_not_of(set);
+    return text.substr(first, last - first + 1);
+}
+
+size_t vk_trim_ex(char *str, const char *set)
+{
+    if (str == nullptr || set == nullptr)
+        return 0;
+    std::string_view trimmed = vk_trim_view(str, set);
+    size_t n = trimmed.size();
+    if (n > 0 && trimmed.data() != str)
+        memmove(str, trimmed.data(), n);
+    str[n] = '\0';
+    return n;
+}
+
+size_t vk_trim(char *str)
+{
+    return vk_trim_ex(str, " \t\r\n\v\f");
+}
