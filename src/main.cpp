@@ -1,14 +1,37 @@
-// main: entry point of quil-manager-agent. Reads the command line; the daemon's start-up
-// (environment, configuration, single-instance guard, worker threads) hangs off here.
+// main: entry point of quil-manager-agent. Reads the command line and the environment,
+// optionally detaches, prepares the shared state, the configuration and the logging,
+// refuses a second instance, starts the worker threads and runs the one-second
+// housekeeping loop (process_main) until g_stop_the_world is raised. Every exit status is 0.
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <string_view>
+#include <sys/time.h>
+#include <unistd.h>
 
+#include "global_var.h"
+#include "os/linux/olv_linux.h"
+#include "pub_conf.h"
+#include "pub_func.h"
+#include "signal_ctl.h"
+#include "util.h"
 #include "version.h"
+#include "vk_string.h"
+#include "vk_time.h"
+#include "vklog.h"
+
+namespace
+{
+
+constexpr const char *k_agent_name = "quil-manager-agent";
 
 // Prints the version banner and the usage text on standard output and exits with `code`.
 // The usage line leaves out -c although the list below it names it.
-[[noreturn]] static void usage_exit(const char *program, int code)
+[[noreturn]] void usage_exit(const char *program, int code)
 {
     printf("%s\n", get_manager_full_version_string());
     printf("[usage] %s [-D][-d][-v|-h]\n", program);
@@ -21,15 +44,209 @@
     exit(code);
 }
 
+// Detaches from the terminal: the parent exits 0, the child starts a new session with
+// descriptors 0-2 on /dev/null. No second fork, no change of directory or umask.
+void initdaemon()
+{
+    pid_t pid = fork();
+    if (pid != 0)
+        exit(0); // the parent; a failed fork also ends here, with status 0 like every exit
+    setsid();
+    for (int fd = getdtablesize(); fd >= 0; fd--)
+        close(fd);
+    int null_fd = open("/dev/null", O_RDWR); // becomes descriptor 0
+    if (null_fd >= 0) {
+        (void)dup(null_fd);
+        (void)dup(null_fd);
+    }
+    // Ignoring SIGCHLD lets the script runner's children go without zombies.
+    signal(SIGCHLD, SIG_IGN);
+    signal(SIGTSTP, SIG_IGN);
+    signal(SIGTTOU, SIG_IGN);
+    signal(SIGTTIN, SIG_IGN);
+}
+
+void initsignal()
+{
+    signal(SIGALRM, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGHUP, signal_handler);
+    signal(SIGSEGV, signal_handler);
+    // The system refuses SIGKILL; the request is kept as a harmless, unchecked call.
+    signal(SIGKILL, signal_handler);
+    signal(SIGBUS, signal_handler);
+    signal(SIGINT, signal_handler);
+    signal(SIGABRT, signal_handler);
+    struct sigaction action {
+    };
+    action.sa_handler = signal_handler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    sigaction(SIGTERM, &action, nullptr);
+    atexit(exit_handler);
+}
+
+bool time_before(const timeval &a, const timeval &b)
+{
+    return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_usec < b.tv_usec);
+}
+
+// Waits in 100 ms steps until the tick; a tick more than 59 s ahead means the wall clock
+// was set back, which asks for a time synchronisation and ends the wait. Returns the time
+// at the end of the wait.
+timeval wait_for_tick(const timeval &tick)
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    while (time_before(now, tick)) {
+        if (tick.tv_sec - now.tv_sec > 59) {
+            VKLOG_INFO(g_vklog.load(), "[process_main] check GMT \n");
+            // send_req_timesync() (time synchronisation, message dispatch unit) goes here.
+            break;
+        }
+        vk_sleep(100);
+        gettimeofday(&now, nullptr);
+    }
+    return now;
+}
+
+// Work of one tick at wall-clock second `now` (multiples of the epoch, not of the start).
+void run_tick(time_t now, const char *pid_path)
+{
+    if (now % 3 == 0) {
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+        update_vklog();
+        if (access(pid_path, F_OK) != 0) {
+            g_stop_the_world.store(1);
+            VKLOG_INFO(g_vklog.load(), "[process_main] %s process stopped.\n", k_agent_name);
+            VKLOG_TRACE(g_vklog_console_debug.load(), "[process_main] %s process stopped.\n", k_agent_name);
+            vk_sleep(3000);
+        }
+    }
+    if (now % 3600 == 0) {
+        // send_req_timesync() (hourly time synchronisation, message dispatch unit) goes here.
+    }
+    int interval = get_conf_value_int_for_idx(g_conf_handle, MGR_CONF_INTERVAL_INFO_LOG);
+    if (interval != 0 && now % interval == 0)
+        info_log();
+}
+
+// Starts the worker threads and runs the one-second loop until g_stop_the_world is set.
+// Returns 0.
+int process_main(pthread_attr_t *attributes)
+{
+    VKLOG_INFO(g_vklog.load(), "[process_main] setting sudo flag (%d)\n", init_sudo_flag());
+    // Worker threads start here as their units land, each detached with 10 MiB stacks:
+    //   run_thread(&tid, attributes, thr_DGConn, nullptr, "THR_DGCONN");      connection thread
+    (void)attributes;
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+    init_os();
+    //   run_thread(&tid, attributes, thr_command, nullptr, "THR_COMMAND");    command thread
+    //   run_thread(&tid, attributes, thr_garbage_collector, nullptr, "THR_COMMAND");
+    //     (the garbage collector deliberately shares the command thread's name)
+    char pid_path[VK_PATH_SIZE + 32];
+    snprintf(pid_path, sizeof(pid_path), "%s/data/manager_agent_pid", g_vk_manager_home);
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    timeval tick{now.tv_sec + 1, 0};
+    while (g_stop_the_world.load() == 0) {
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+        now = wait_for_tick(tick);
+        tick = timeval{now.tv_sec + 1, 0};
+        run_tick(now.tv_sec, pid_path);
+    }
+    VKLOG_INFO(g_vklog.load(), "[process_main] finished.\n");
+    return 0;
+}
+
+// Owns the worker-thread attributes: detached, 10 MiB stacks.
+struct thread_attributes {
+    pthread_attr_t attr;
+    thread_attributes()
+    {
+        pthread_attr_init(&attr);
+        pthread_attr_setstacksize(&attr, VK_THREAD_STACK_SIZE);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    }
+    thread_attributes(const thread_attributes &) = delete;
+    thread_attributes &operator=(const thread_attributes &) = delete;
+    ~thread_attributes() { pthread_attr_destroy(&attr); }
+};
+
+// Runs the worker threads and the loop, then gives the detached threads 2 s to see the
+// stop flag. Returns process_main's result.
+int run_process()
+{
+    int ret;
+    {
+        thread_attributes attributes;
+        ret = process_main(&attributes.attr);
+        if (g_stop_the_world.load() == 0)
+            g_stop_the_world.store(1);
+    }
+    vk_sleep(2000);
+    return ret;
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
+    g_agent_boot_time = vk_get_time_msec();
+    init_properties_preset();
+    bool daemonize = false;
+    int debug = 0;
     for (int i = 0; i < argc; i++) {
-        if (strcmp(argv[i], "-v") == 0) {
+        std::string_view arg(argv[i]);
+        if (arg == "-D") {
+            printf("daemonize on\n");
+            daemonize = true;
+        } else if (arg == "-d") {
+            printf("debug mode on\n");
+            debug = 1;
+        } else if (arg == "-v") {
             printf("%s\n", get_manager_full_version_string());
             return 0;
-        }
-        if (strcmp(argv[i], "-h") == 0)
+        } else if (arg == "-c") {
+            check_os_info(0);
+            return 0;
+        } else if (arg == "-h") {
             usage_exit(argv[0], 0);
+        }
     }
-    return 0;
+    char home[VK_PATH_SIZE] = {};
+    if (init_environment(home, sizeof(home)) < 0)
+        return 0;
+    vk_trim_ex(home, "\"");
+    if (daemonize)
+        initdaemon();
+    if (set_umask_from_env() < 0)
+        return 0;
+    if (init_global_var(home) < 0)
+        exit(0);
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+    int ret = initialize_configure_manager_agent(debug);
+    if (ret < 0) {
+        printf("[main] initialize_configure_manager_agent has failed. (ret:%d)\n", ret);
+        exit(0);
+    }
+    VKLOG_NOTICE(g_vklog.load(), "g_vk_manager_home[%s]\n", g_vk_manager_home);
+    const char *slash = strrchr(argv[0], '/');
+    if (check_double_execution(slash != nullptr ? slash + 1 : argv[0], k_agent_name) != 0)
+        exit(0);
+    VKLOG_INFO(g_vklog.load(), "[MAIN] start %s. <%s> version %s\n", k_agent_name, "DEBUG",
+               get_manager_full_version_string());
+    VKLOG_INFO(g_vklog.load(), "[MAIN] HOME: %s\n", g_vk_manager_home);
+    set_dg_address();
+    // init_chunk_hash() (map of patch transfers, command intake unit) goes here.
+    initsignal();
+    // nio_seq_lock_init() (packet-id spin lock, message dispatch unit) goes here; on a
+    // negative result: VKLOG_ERROR "[MAIN] nio spinlock init failed(%d)\n" with errno, exit(0).
+    VKLOG_INFO(g_vklog.load(), "[MAIN] initialize resources.\n");
+    ret = run_process();
+    if (ret == 0)
+        VKLOG_INFO(g_vklog.load(), "[MAIN] %s terminated normally.\n", k_agent_name);
+    else
+        VKLOG_INFO(g_vklog.load(), "[MAIN] %s terminated abnormally.(%d)\n", k_agent_name, ret);
+    exit(0);
 }

@@ -1,0 +1,86 @@
+// pub_func: the worker-thread starter and the DG receiver address. Called by process_main
+// (threads, receiver address at start-up) and the connection thread (its sender thread).
+#include "pub_func.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "pub_conf.h"
+#include "signal_ctl.h"
+#include "vk_comm.h"
+#include "vk_string.h"
+#include "vklog.h"
+
+dgconn_slave_info_t g_dgconn_slave_info;
+
+int run_thread(pthread_t *thread_id_out, const pthread_attr_t *attributes, void *(*start_routine)(void *),
+               void *argument, const char *thread_name)
+{
+    int ret = pthread_create(thread_id_out, attributes, start_routine, argument);
+    if (ret != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00010030] Failed to create thread. thread_name:%s (%d)\n",
+                    thread_name, ret);
+        VKLOG_DEBUG(g_vklog.load(), "[run_thread] create failed. %s (%d:%s)\n", thread_name, ret,
+                    strerror(ret));
+        return ret;
+    }
+    VKLOG_INFO(g_vklog.load(), "[run_thread] create success. %s (%d)\n", thread_name, 0);
+    VKLOG_TRACE(g_vklog_console_debug.load(), "[run_thread] create success. %s (%d)\n", thread_name, 0);
+    return 0;
+}
+
+int setDGAddrFromStr(const char *text, void *addr_out, int addr_size, int32_t *port_out)
+{
+    if (text == nullptr || addr_out == nullptr || port_out == nullptr)
+        return -1;
+    char data[256];
+    vk_strlcpy(data, text);
+    char *colon = strrchr(data, ':');
+    if (colon == nullptr) {
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n");
+        return -2;
+    }
+    *colon = '\0';
+    const char *port_text = colon + 1;
+    errno = 0;
+    long port = strtol(port_text, nullptr, 10);
+    if (errno != 0 || port < 1 || port > 65535) {
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR(port)]\n");
+        return -3;
+    }
+    *port_out = static_cast<int32_t>(port);
+    char ip_text[48];
+    if (getIPFromDomain(data, ip_text, sizeof(ip_text)) < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR(ip)]\n");
+        return -4;
+    }
+    if (addr_size != 4)
+        return -5; // only IPv4 receivers are supported
+    VKLOG_DEBUG(g_vklog.load(), "[setDGAddrFromStr] data[%s] IP[%s] PORT[%d]\n", text, ip_text,
+                static_cast<int>(port));
+    in_addr addr{};
+    if (inet_pton(AF_INET, ip_text, &addr) != 1)
+        return -5; // the host resolved to an IPv6 address
+    memcpy(addr_out, &addr, sizeof(addr));
+    return 0;
+}
+
+int set_dg_address()
+{
+    memset(&g_dgconn_slave_info, 0, sizeof(g_dgconn_slave_info));
+    char value[sizeof(g_dgconn_slave_info.addr_text)];
+    if (get_properties_preset("MGR_RECEIVER_ADDR", value, sizeof(value)) > 0) {
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+        if (setDGAddrFromStr(value, &g_dgconn_slave_info.ip, 4, &g_dgconn_slave_info.port) == 0)
+            vk_strlcpy(g_dgconn_slave_info.addr_text, value);
+        else
+            VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n");
+    }
+    if (g_dgconn_slave_info.ip == 0)
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n");
+    return 0;
+}
