@@ -114,8 +114,12 @@ struct vklog_config_t {
 };
 
 // ---- categories -----------------------------------------------------------
+// A plain mutex; BasicLockable so that scoped holders use std::lock_guard<vklog_lock_t>.
 struct vklog_lock_t {
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+    void lock();
+    void unlock();
 };
 
 struct vklog_output_file_t {
@@ -209,6 +213,10 @@ int vklog_get_vklogger_perf_sent(vklog_t *cat, vklog_vklogger_perf_data_t *perf)
 void vklog_set_global_log_handle(vklog_t *cat);
 void vklog_set_global_log_console_debug_handle(vklog_t *cat);
 void vklog_fini();
+
+// Creates every missing level of the first `len` bytes of `directory` with mode 0750.
+// 0; -1 for a bad path or a level that cannot be made (reported on standard error).
+int vklog_make_directory_with_parents(const char *directory, size_t len);
 
 const char *vklog_get_version();
 const char *vklog_get_simple_version();
