@@ -1,0 +1,136 @@
+// Shared by the message cross-check tests: runs records through the agent's codec and Google's
+// protobuf library (the reference schema dg_protocol.proto) in both directions.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/map.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "pbtools.h"
+
+using bytes_t = std::vector<uint8_t>;
+
+// The three operations of one agent message.
+template <typename T> struct agent_codec {
+    T *(*new_fn)(void *, size_t);
+    int (*encode_fn)(const T *, uint8_t *, size_t);
+    int (*decode_fn)(T *, const uint8_t *, size_t);
+};
+
+// An 8-byte aligned workspace of the given size.
+struct workspace {
+    explicit workspace(size_t size = 65536) : words((size + 7) / 8), size(size) {}
+    void *data() { return words.data(); }
+    std::vector<uint64_t> words;
+    size_t size;
+};
+
+template <typename T> bytes_t agent_encode(const agent_codec<T> &codec, const T *record_p)
+{
+    bytes_t out(1 << 20);
+    int size = codec.encode_fn(record_p, out.data(), out.size());
+    EXPECT_GE(size, 0) << pbtools_error_code_to_string(size);
+    out.resize(size < 0 ? 0 : static_cast<size_t>(size));
+    return out;
+}
+
+// Decodes into a fresh record of ws; the result code goes to *result_p.
+template <typename T>
+T *agent_decode(const agent_codec<T> &codec, workspace &ws, const bytes_t &data, int *result_p)
+{
+    T *record_p = codec.new_fn(ws.data(), ws.size);
+    EXPECT_NE(record_p, nullptr);
+    *result_p =
+        record_p == nullptr ? -PBTOOLS_OUT_OF_MEMORY : codec.decode_fn(record_p, data.data(), data.size());
+    return record_p;
+}
+
+// libprotobuf's deterministic output: fields in number order, map entries sorted by key.
+inline bytes_t ref_encode(const google::protobuf::MessageLite &message)
+{
+    std::string out;
+    {
+        google::protobuf::io::StringOutputStream stream(&out);
+        google::protobuf::io::CodedOutputStream coded(&stream);
+        coded.SetSerializationDeterministic(true);
+        EXPECT_TRUE(message.SerializeToCodedStream(&coded));
+    }
+    return bytes_t(out.begin(), out.end());
+}
+
+inline std::string text_of(const pbtools_bytes_t &bytes)
+{
+    return bytes.size == 0 ? std::string()
+                           : std::string(reinterpret_cast<const char *>(bytes.buf_p), bytes.size);
+}
+
+inline pbtools_bytes_t bytes_of(const std::string &text)
+{
+    return {reinterpret_cast<uint8_t *>(const_cast<char *>(text.data())), text.size()};
+}
+
+// Maps compare as sets: libprotobuf keeps no entry order.
+inline std::map<std::string, std::string> map_of(const pbtools_repeated<pbtools_map_entry_t> &field)
+{
+    std::map<std::string, std::string> out;
+    for (int32_t i = 0; i < field.length; i++) {
+        out[field.items_p[i].key] = field.items_p[i].value;
+    }
+    return out;
+}
+
+inline std::map<std::string, std::string> map_of(const google::protobuf::Map<std::string, std::string> &field)
+{
+    return std::map<std::string, std::string>(field.begin(), field.end());
+}
+
+// Fills an allocated map field from key/value pairs, in the given order.
+inline void fill_map(pbtools_repeated<pbtools_map_entry_t> &field,
+                     const std::vector<std::pair<const char *, const char *>> &entries)
+{
+    ASSERT_EQ(static_cast<size_t>(field.length), entries.size());
+    for (size_t i = 0; i < entries.size(); i++) {
+        field.items_p[i].key = entries[i].first;
+        field.items_p[i].value = entries[i].second;
+    }
+}
+
+// Agent encoding -> libprotobuf parse -> same values; libprotobuf encoding -> agent decode ->
+// same values; and, when libprotobuf's output is canonical for these values, identical bytes.
+// `same(record, ref)` compares every field by name.
+template <typename Ref, typename T, typename Same>
+void cross_check(const agent_codec<T> &codec, const T *record_p, Same same, bool canonical = true)
+{
+    bytes_t ours = agent_encode(codec, record_p);
+    Ref ref;
+    ASSERT_TRUE(ref.ParseFromArray(ours.data(), static_cast<int>(ours.size())));
+    same(record_p, ref);
+    bytes_t theirs = ref_encode(ref);
+    if (canonical) {
+        EXPECT_EQ(ours, theirs);
+    }
+    workspace ws(theirs.size() * 2 + 65536);
+    int result;
+    T *back_p = agent_decode(codec, ws, theirs, &result);
+    ASSERT_EQ(result, static_cast<int>(theirs.size())) << pbtools_error_code_to_string(result);
+    same(back_p, ref);
+}
+
+// An all-default record encodes to nothing, and an empty body decodes to all defaults.
+template <typename Ref, typename T, typename Same> void check_defaults(const agent_codec<T> &codec, Same same)
+{
+    workspace ws;
+    T *record_p = codec.new_fn(ws.data(), ws.size);
+    ASSERT_NE(record_p, nullptr);
+    EXPECT_TRUE(agent_encode(codec, record_p).empty());
+    int result;
+    T *back_p = agent_decode(codec, ws, bytes_t(), &result);
+    EXPECT_EQ(result, 0);
+    same(back_p, Ref());
+}
