@@ -182,8 +182,11 @@ consteval bool pbtools_desc_is_valid(const pbtools_message_desc &desc)
         bool nested = field.kind == PBTOOLS_KIND_MESSAGE || field.kind == PBTOOLS_KIND_REPEATED;
         if (field.number == 0 || field.number > 0x1FFFFFFF ||
             (i > 0 && field.number <= desc.fields_p[i - 1].number) || field.offset < sizeof(void *) ||
-            field.offset >= desc.record_size || nested != (field.sub_p != nullptr) ||
-            (nested && field.sub_p->record_size != field.item_size)) {
+            field.offset >= desc.record_size ||
+            // A nested field without a table fails here too: null cannot be dereferenced at
+            // compile time (and a table's address is not compared with null, which some
+            // sanitizer builds cannot evaluate).
+            (nested ? field.sub_p->record_size != field.item_size : field.sub_p != nullptr)) {
             return false;
         }
     }
