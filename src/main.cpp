@@ -193,6 +193,9 @@ int run_process()
 int main(int argc, char **argv)
 {
     g_agent_boot_time = vk_get_time_msec();
+    // Start-up messages and the debug-mode console lines reach a redirected standard output
+    // as they happen, in order with the library's own writes.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     init_properties_preset();
     bool daemonize = false;
     int debug = 0;
