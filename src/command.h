@@ -1,5 +1,6 @@
-// command: the remote command bodies: requests (60001), results (60002), the target agent list
-// (60003) and patch file chunks (60004), with their file and agent items.
+// command: the remote command bodies with their file and agent items: requests (60001, read by
+// process_req_command), results (60002, built by send_res_command), the target agent list
+// (60003, built by send_target_agent_info) and patch file chunks (60004, read by save_file_chunk).
 // Thread-safe: each function touches only the record, workspace and buffer it is given.
 #pragma once
 

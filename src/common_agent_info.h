@@ -1,4 +1,5 @@
-// common_agent_info: the agent information (10043) and identity reply (50036) bodies of the handshake,
+// common_agent_info: the handshake bodies, agent information (10043, built by
+// send_manager_agent_info) and identity reply (50036, read by process_res_common_agent_info),
 // their address items, and the two agent-config messages that are defined but never sent.
 // Thread-safe: each function touches only the record, workspace and buffer it is given.
 #pragma once
