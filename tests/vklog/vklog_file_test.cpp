@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -101,12 +100,23 @@ std::string header(int level, unsigned opt, char us, long line = 42)
     return buf;
 }
 
+// `text` against `shape`, where 'd' stands for any digit and everything else for itself.
+bool shaped(const std::string &text, const std::string &shape)
+{
+    if (text.size() != shape.size())
+        return false;
+    for (size_t i = 0; i < text.size(); i++)
+        if (shape[i] == 'd' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i])
+            return false;
+    return true;
+}
+
 TEST(VklogHeader, ItemsInOrderEachInBrackets)
 {
-    EXPECT_TRUE(
-        std::regex_match(header(5, 67, 1), std::regex(R"(\[\d\d \d\d:\d\d:\d\d\.\d{6}\]\[\d+\]\[INFO\])")));
-    EXPECT_TRUE(std::regex_match(header(5, 1, 0), std::regex(R"(\[\d\d \d\d:\d\d:\d\d\])")));
     std::string pid = std::to_string(getpid());
+    EXPECT_TRUE(shaped(header(5, 67, 1), "[dd dd:dd:dd.dddddd][" + std::string(pid.size(), 'd') + "][INFO]"))
+        << header(5, 67, 1);
+    EXPECT_TRUE(shaped(header(5, 1, 0), "[dd dd:dd:dd]"));
     char tid[32];
     snprintf(tid, sizeof(tid), "%lx", static_cast<unsigned long>(pthread_self()));
     EXPECT_EQ(header(5, 6, 0), "[" + pid + ":" + tid + "]");
