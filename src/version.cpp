@@ -46,7 +46,7 @@ std::atomic<unsigned> s_format_count{0};
 char s_agent_version[128];
 char s_build_version[64];
 char s_full_version[512];
-char s_conv_date[16];
+char s_conv_date[40]; // room for three full ints: atoi of an odd date is unbounded
 
 std::once_flag s_agent_once, s_build_once, s_full_once;
 
