@@ -31,8 +31,9 @@ constexpr size_t s_backup_suffix_room = 12; // "." + a decimal int + terminator
 // library's set-up and end; s_reload_lock guards the manager's reload fields.
 vklog_lock_t s_apply_lock;
 vklog_lock_t s_reload_lock;
-// Per slot: a rotation and a clean-up of the same backup ring never run at once.
-vklog_lock_t s_fd_locks[VL_MAX_CATEGORY];
+// Per slot: a rotation and a clean-up of the same backup ring never run at once. The last
+// one serves the built-in standard-output category.
+vklog_lock_t s_fd_locks[VL_MAX_CATEGORY + 1];
 
 // Closes a descriptor on every path.
 struct vl_fd_t {
@@ -46,6 +47,13 @@ struct vl_fd_t {
             close(fd);
     }
 };
+
+// The lock of a file output; outputs set up outside the table share a fallback one.
+vklog_lock_t &vl_fd_lock(vklog_output_file_t *output)
+{
+    static vklog_lock_t fallback;
+    return output->fd_lock != nullptr ? *output->fd_lock : fallback;
+}
 
 struct vl_dir_closer_t {
     void operator()(DIR *d) const { closedir(d); }
@@ -363,8 +371,7 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
     }
     int rc = 0;
     {
-        std::lock_guard<vklog_lock_t> hold(output_file->fd_lock != nullptr ? *output_file->fd_lock
-                                                                           : g_dir_lock);
+        std::lock_guard<vklog_lock_t> hold(vl_fd_lock(output_file));
         rc = vl_file_backup(config, output_file);
     }
     if (rc != 0) {
@@ -490,7 +497,7 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         if (vl_apply_config_to_vklogger(&cat->output_vklogger, old, config) != 0)
             *err = -4;
         if (old->backup_count != config->backup_count) {
-            std::lock_guard<vklog_lock_t> hold(*cat->output_file.fd_lock);
+            std::lock_guard<vklog_lock_t> hold(vl_fd_lock(&cat->output_file));
             (void)vl_cleanup_backup_file(old->backup_path, config->backup_count);
         }
         if (strncmp(old->backup_path, config->backup_path, sizeof(config->backup_path)) != 0)
@@ -723,6 +730,7 @@ vklog_t *vl_default_stdout()
         cat.config = config;
         cat.level.store(config->level);
         cat.output_vklogger.sock = -1;
+        cat.output_file.fd_lock = &s_fd_locks[VL_MAX_CATEGORY];
     });
     return &cat;
 }
@@ -783,8 +791,7 @@ int vklog_cleanup_backup_file(vklog_t *cat)
         return -2;
     int rc = 0;
     {
-        std::lock_guard<vklog_lock_t> hold(cat->output_file.fd_lock != nullptr ? *cat->output_file.fd_lock
-                                                                               : g_dir_lock);
+        std::lock_guard<vklog_lock_t> hold(vl_fd_lock(&cat->output_file));
         rc = vl_cleanup_backup_file(config->backup_path, config->backup_count);
     }
     vl_config_release(cat, config);

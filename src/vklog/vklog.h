@@ -3,8 +3,9 @@
 // server), at which levels and with which header. Configurations come from presets, from
 // key/value settings in code, or from a reloadable configuration file.
 //
-// Thread safety: every function may be called from any thread once the library is
-// initialised; a configuration may be re-applied while other threads log through it.
+// Thread safety: every function may be called from any thread; a configuration may be
+// re-applied while other threads log through it (a swapped-out configuration is freed by
+// the last call that uses it). Only a configuration being edited belongs to one thread.
 // Log through the VKLOG_* macros: they test the level before any formatting.
 #pragma once
 
@@ -160,64 +161,107 @@ extern std::atomic<vklog_t *> g_vklog;
 extern std::atomic<vklog_t *> g_vklog_console_debug;
 
 // ---- interface ------------------------------------------------------------
-// Ownership of configurations: vklog_apply_config, vklog_initialize_with_config take the
-// configuration they are given in every case (on failure it is freed). A configuration
-// that is never applied is freed with vklog_config_free.
+// Ownership of configurations: vklog_apply_config and the initialise operations take the
+// configuration they are given in every case (applied, or freed on failure or when it
+// equals the one in force). A configuration that is never applied is freed with
+// vklog_config_free. `err` arguments may be null.
 
-// Finish `config` and apply it. 0, or -2 (reason through *err).
+// ---- set-up and reload ----
+// Finishes `config` and applies it. 0 (with *err -4 when the UDP output could not be set
+// up: the category exists and logs to its other outputs); -2 when it was not applied
+// (*err -1 null configuration, -2 table full). Nothing else changes on failure.
 int vklog_initialize_with_config(vklog_config_t *config, int *err);
-// DEFAULT preset named `name`, finished and applied. 0; -1 bad name; -2 apply failed.
+// The DEFAULT preset named `name`, finished and applied. 0; -1 null name or longer than 127;
+// -2 not applied (*err as for vklog_initialize_with_config).
 int vklog_initialize_with_default_config(const char *name, int *err);
-// Remember `path` (reload allowed), load the file and apply every configuration in it.
-// 0, or the load's code (-11 open, -12 bracket, -13 value too long, -14 bad level).
+// Remembers `path` (reload allowed), loads the file and applies every configuration in it
+// in order. 0 (*err holds the last apply error, if any); or the load's code: -11 cannot be
+// opened (errno in *err), -12 "[" without "]", -13 value too long, -14 invalid level;
+// after a failed load nothing is applied.
 int vklog_initialize_with_config_file(const char *path, int *err);
-// Reload the remembered file when reload is allowed and its modification time changed. 0.
+// Reloads the remembered file when reload is allowed and its modification time changed.
+// Always 0; a failed load leaves the configurations in force and puts its code in *err.
 int vklog_reload(int *err);
-// -1 when a path is already set; else store it, allow reload, 0.
+// Stores the reload path and allows reload. 0; -1 when a path is already set, for a null
+// path or one of 8192 bytes or more.
 int vklog_set_config_path(const char *path);
+// Forbids reload. Cannot fail.
 void vklog_set_reload_disable();
-// The category of that name, (re)activated unless OLV_DAEMON_VKLOG_DEACTIVATE is "true";
-// null when absent. A null name gives the built-in standard-output category.
+// The category of that name, (re)activated unless OLV_DAEMON_VKLOG_DEACTIVATE is exactly
+// "true"; null when absent. A null name gives the built-in standard-output category.
 vklog_t *vklog_get_category(const char *name);
-// Apply one configuration: reconfigure the category of its name or create it (at most 12).
-// 0; -2 through the result when the 13th category is refused; see vklog.cpp for *err.
+// Applies one configuration: installs it in the category of its name (an identical one is
+// a no-op: no swap, no socket or backup work) or creates that category (at most 12; a new
+// one stays silent until vklog_get_category or vklog_enable). A changed backup count
+// removes surplus backups. 0 (with *err -4 when the UDP output could not be set up);
+// -1 null configuration; -2 table full (*err -2; the configuration is freed).
 int vklog_apply_config(vklog_config_t *config, int *err);
 
+// ---- configurations ----
+// A zeroed configuration, or null when out of memory.
 vklog_config_t *vklog_config_new();
+// A copy of a preset; null for an unknown preset or out of memory.
 vklog_config_t *vklog_config_new_from_preset(vklog_cfg_preset_type_t type);
+// Copies for editing (reference count and list link cleared): of a configuration, of a
+// category's configuration in force, of g_vklog's, of the named category's. Null when the
+// source is null or absent, or out of memory.
 vklog_config_t *vklog_config_clone_from_config(const vklog_config_t *config);
 vklog_config_t *vklog_config_clone_from_vklog(vklog_t *cat);
 vklog_config_t *vklog_config_clone_from_global_log();
 vklog_config_t *vklog_config_clone_from_category(const char *name);
+// Frees a configuration that was never applied. Null is accepted.
 void vklog_config_free(vklog_config_t *config);
-// 0; the key's number on a rejected value; -2 for a null configuration or value.
+// Sets one key from the first `length` bytes of `value` (a terminator ends it earlier).
+// 0; the key's number on a rejected value (name/file over 127, unknown output word, address
+// over 39, unknown level, a directory whose ${NAME} is unset or unterminated or which does
+// not fit), the field keeping its value; -2 for a null configuration or value. Unknown keys
+// are ignored (0).
 int vklog_config_set(vklog_config_t *config, vklog_cfg_type_t key, unsigned int length, const char *value);
+// Builds out_path and backup_path, defaults the file name (name, blanks as "_", ".log"),
+// the size limit (10 MiB when a directory is set and none given) and the port (10010), and
+// clears execute bits. May be repeated. 0; -1 for null.
 int vklog_config_finish(vklog_config_t *config);
+// Prints the configuration in one line on standard output. Null prints nothing.
 void vklog_config_print(const vklog_config_t *config);
 
+// ---- categories ----
+// Activate (honouring OLV_DAEMON_VKLOG_DEACTIVATE) or silence a category. 0; -1 for a null
+// category or an unknown name.
 int vklog_enable(vklog_t *cat);
 int vklog_disable(vklog_t *cat);
 int vklog_enable_from_config_name(const char *name);
 int vklog_disable_from_config_name(const char *name);
 
-// Write one line (no level filtering here: the macros filter). -1 null category or header
-// failure, -2 no configuration, 0 otherwise (also for an inactive category).
+// Writes one line (no level filtering here: the macros filter). 0 (also for an inactive
+// category, and when an output fails: the file writer's failure goes to last_error, and a
+// failed rotation disables the category); -1 null category or header failure; -2 no
+// configuration (after vklog_fini).
 int vklog(vklog_t *cat, const char *file, size_t file_len, const char *func, size_t func_len, long line,
           int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
+// Writes a header, the title and a hex dump of `size` bytes, `hex_print_column_count` bytes
+// a row (16 when not 1..256). Codes as for vklog.
 int vklog_hex(vklog_t *cat, const char *file, size_t file_len, const char *func, size_t func_len, long line,
               int level, int hex_print_column_count, const void *data, size_t size, const char *title_format,
               ...) __attribute__((format(printf, 11, 12)));
+// Removes the category's backups numbered above its backup count. 0; -1 null category or a
+// backup path without "/"; -2 no configuration; -6 directory not opened.
 int vklog_cleanup_backup_file(vklog_t *cat);
+// Copies the category's UDP counters. 0; -1 for a null argument.
 int vklog_get_vklogger_perf_sent(vklog_t *cat, vklog_vklogger_perf_data_t *perf);
 
+// Set g_vklog / g_vklog_console_debug. Cannot fail.
 void vklog_set_global_log_handle(vklog_t *cat);
 void vklog_set_global_log_console_debug_handle(vklog_t *cat);
+// End of use: clears the global handles, detaches and frees every configuration (one held
+// by a call in flight is freed by that call), closes UDP sockets and forgets the table and
+// the reload path. Handles obtained earlier stay valid and log nothing. Cannot fail.
 void vklog_fini();
 
 // Creates every missing level of the first `len` bytes of `directory` with mode 0750.
 // 0; -1 for a bad path or a level that cannot be made (reported on standard error).
 int vklog_make_directory_with_parents(const char *directory, size_t len);
 
+// The library's version texts (constant).
 const char *vklog_get_version();
 const char *vklog_get_simple_version();
 
@@ -229,8 +273,8 @@ const char *vklog_get_simple_version();
         vklog_t *vklog_cat_ = (cat);                                                                         \
         if (vklog_cat_ != nullptr &&                                                                         \
             vklog_level_pass(vklog_cat_->level.load(std::memory_order_relaxed), (lvl)))                      \
-            vklog(vklog_cat_, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__, (lvl), \
-                  __VA_ARGS__);                                                                              \
+            vklog(vklog_cat_, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1, __LINE__,      \
+                  (lvl), __VA_ARGS__);                                                                       \
     } while (0)
 
 #define VKLOG_FATAL(cat, ...)  VKLOG_AT(cat, VKLOG_LEVEL_FATAL, __VA_ARGS__)
