@@ -112,7 +112,7 @@ bool version_accepted(unsigned char version)
 {
     return version == 0 || version == 2;
 }
-// 3 is a type the DG never sends to agents; anything above 4 is unknown.
+// The packet types a receiver understands; 3 and anything above 4 are refused.
 bool packet_type_accepted(unsigned char type)
 {
     return type <= 4 && type != 3;

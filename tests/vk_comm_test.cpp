@@ -73,18 +73,9 @@ struct socket_pair {
 // (sub header and body, or anything a hostile peer sends).
 bytes nio_raw(unsigned char version, unsigned char type, uint32_t length, const bytes &rest)
 {
-    bytes p = {0xF9,
-               0xF2,
-               0xF8,
-               version,
-               type,
-               0,
-               0,
-               0,
-               static_cast<unsigned char>(length >> 24),
-               static_cast<unsigned char>(length >> 16),
-               static_cast<unsigned char>(length >> 8),
-               static_cast<unsigned char>(length)};
+    bytes p = {0xF9, 0xF2, 0xF8, version, type, 0, 0, 0};
+    for (int shift = 24; shift >= 0; shift -= 8)
+        p.push_back(static_cast<unsigned char>(length >> shift));
     p.insert(p.end(), rest.begin(), rest.end());
     return p;
 }
