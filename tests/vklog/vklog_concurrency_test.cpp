@@ -6,13 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <netinet/in.h>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -29,17 +33,38 @@ void set(vklog_config_t *c, vklog_cfg_type_t key, const std::string &v)
     ASSERT_EQ(vklog_config_set(c, key, static_cast<unsigned>(v.size()), v.c_str()), 0) << v;
 }
 
-// Re-applies the category's configuration, with or without the thread id in the header.
-void reapply(const std::string &name, bool thread_id)
+// Re-applies the category's configuration; the changed variant adds the thread id to the
+// header and forwards lines to `port` on loopback, so sockets open and close under load.
+void reapply(const std::string &name, bool changed, uint16_t port)
 {
     vklog_config_t *c = vklog_config_clone_from_category(name.c_str());
     ASSERT_NE(c, nullptr);
-    set(c, VKLOG_CFG_TYPE_HEADER_FLAG, thread_id ? "time,pid,thread_id,level" : "time,pid,level");
+    set(c, VKLOG_CFG_TYPE_HEADER_FLAG, changed ? "time,pid,thread_id,level" : "time,pid,level");
+    set(c, VKLOG_CFG_TYPE_OUTPUT_TYPE, changed ? "file,vklogger" : "file");
+    set(c, VKLOG_CFG_TYPE_VKLOGGER_IP, "127.0.0.1");
+    set(c, VKLOG_CFG_TYPE_VKLOGGER_PORT, std::to_string(port));
     vklog_config_finish(c);
     int err = 0;
     ASSERT_EQ(vklog_apply_config(c, &err), 0);
     ASSERT_EQ(err, 0);
 }
+
+// A loopback UDP socket on a free port that nobody reads: datagrams beyond its buffer drop.
+struct sink {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    uint16_t port = 0;
+    sink()
+    {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof(a);
+        if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0 &&
+            getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
+            port = ntohs(a.sin_port);
+    }
+    ~sink() { close(fd); }
+};
 
 TEST(VklogConcurrency, EveryLineExactlyOnceAcrossSwapsAndRotations)
 {
@@ -75,16 +100,20 @@ TEST(VklogConcurrency, EveryLineExactlyOnceAcrossSwapsAndRotations)
             done.fetch_add(1);
         });
     }
+    sink udp;
+    ASSERT_NE(udp.port, 0);
     int swaps = 0;
     while (done.load() < s_threads) {
-        reapply(name, false); // unchanged or back to the first header
-        reapply(name, false); // certainly unchanged: must be a no-op
-        reapply(name, true);
+        reapply(name, false, udp.port); // back to the first variant
+        reapply(name, false, udp.port); // certainly unchanged: must be a no-op
+        reapply(name, true, udp.port);
         swaps++;
         std::this_thread::yield();
     }
     for (std::thread &th : threads)
         th.join();
+    vklog_vklogger_perf_data_t perf{};
+    ASSERT_EQ(vklog_get_vklogger_perf_sent(cat, &perf), 0);
     vklog_fini();
 
     // Gather every line of the file and its backups.
@@ -112,6 +141,7 @@ TEST(VklogConcurrency, EveryLineExactlyOnceAcrossSwapsAndRotations)
     EXPECT_GE(files, 4) << "expected several rotations";
     EXPECT_LT(files, s_backups + 1);
     EXPECT_GT(swaps, 0);
+    EXPECT_GT(perf.sent_success_count + perf.sent_error_count, 0u) << "forwarding was never on under load";
     for (int t = 0; t < s_threads; t++)
         for (int i = 0; i < s_lines_per_thread; i++)
             ASSERT_EQ(seen[t][i], 1) << "line T" << t << "-" << i;
