@@ -673,13 +673,14 @@ int vklog_hex(vklog_t *cat, const char *file, size_t file_len, const char *func,
         return -2;
     out->cat = cat;
     vklog_config_t *config = out->config;
-    char title[1024];
-    va_list ap;
-    va_start(ap, title_format);
-    int tn = vsnprintf(title, sizeof(title), title_format != nullptr ? title_format : "", ap);
-    va_end(ap);
-    if (tn < 0)
-        title[0] = '\0';
+    char title[1024] = "";
+    if (title_format != nullptr) {
+        va_list ap;
+        va_start(ap, title_format);
+        if (vsnprintf(title, sizeof(title), title_format, ap) < 0)
+            title[0] = '\0';
+        va_end(ap);
+    }
     int hlen = vl_set_header(level, config->header_flag, config->include_us_to_time, file, file_len, func,
                              func_len, line, out->buffer, sizeof(out->buffer));
     if (hlen < 0) {
