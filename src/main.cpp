@@ -105,6 +105,7 @@ timeval wait_for_tick(const timeval &tick)
             break;
         }
         vk_sleep(100);
+        handle_pending_signals();
         gettimeofday(&now, nullptr);
     }
     return now;
@@ -185,7 +186,38 @@ int run_process()
             g_stop_the_world.store(1);
     }
     vk_sleep(2000);
+    handle_pending_signals();
     return ret;
+}
+
+struct command_line_t {
+    bool daemonize = false; // applied after the environment is read
+    int debug = 0;
+};
+
+// Walks every argument, the program name included. Returns true when the program ends at
+// once (-v, -c; -h exits from here); unknown arguments are ignored without a message.
+bool scan_command_line(int argc, char **argv, command_line_t *cmd)
+{
+    for (int i = 0; i < argc; i++) {
+        std::string_view arg(argv[i]);
+        if (arg == "-D") {
+            printf("daemonize on\n");
+            cmd->daemonize = true;
+        } else if (arg == "-d") {
+            printf("debug mode on\n");
+            cmd->debug = 1;
+        } else if (arg == "-v") {
+            printf("%s\n", get_manager_full_version_string());
+            return true;
+        } else if (arg == "-c") {
+            check_os_info(0);
+            return true;
+        } else if (arg == "-h") {
+            usage_exit(argv[0], 0);
+        }
+    }
+    return false;
 }
 
 } // namespace
@@ -197,38 +229,21 @@ int main(int argc, char **argv)
     // as they happen, in order with the library's own writes.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     init_properties_preset();
-    bool daemonize = false;
-    int debug = 0;
-    for (int i = 0; i < argc; i++) {
-        std::string_view arg(argv[i]);
-        if (arg == "-D") {
-            printf("daemonize on\n");
-            daemonize = true;
-        } else if (arg == "-d") {
-            printf("debug mode on\n");
-            debug = 1;
-        } else if (arg == "-v") {
-            printf("%s\n", get_manager_full_version_string());
-            return 0;
-        } else if (arg == "-c") {
-            check_os_info(0);
-            return 0;
-        } else if (arg == "-h") {
-            usage_exit(argv[0], 0);
-        }
-    }
+    command_line_t cmd;
+    if (scan_command_line(argc, argv, &cmd))
+        return 0;
     char home[VK_PATH_SIZE] = {};
     if (init_environment(home, sizeof(home)) < 0)
         return 0;
     vk_trim_ex(home, "\"");
-    if (daemonize)
+    if (cmd.daemonize)
         initdaemon();
     if (set_umask_from_env() < 0)
         return 0;
     if (init_global_var(home) < 0)
         exit(0);
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
-    int ret = initialize_configure_manager_agent(debug);
+    int ret = initialize_configure_manager_agent(cmd.debug);
     if (ret < 0) {
         printf("[main] initialize_configure_manager_agent has failed. (ret:%d)\n", ret);
         exit(0);

@@ -75,17 +75,46 @@ void vk_debug_logging()
     exit(0);
 }
 
-void signal_handler(int signo)
+// Hang-up and stop signals only mark themselves here (a lock-free bit set, safe in signal
+// context); the main loop acts on them in handle_pending_signals. Logging and exit from
+// inside a handler could deadlock on a lock the interrupted thread holds in the logging
+// library, and exit's hooks free memory, which signal context does not allow.
+static std::atomic<unsigned> s_pending_signals{0};
+static_assert(std::atomic<unsigned>::is_always_lock_free, "set from signal context");
+
+static constexpr unsigned signal_bit(int signo)
 {
-    atexit(sigexit);
-    switch (signo) {
-    case SIGHUP:
+    return 1u << signo;
+}
+
+void handle_pending_signals()
+{
+    unsigned pending = s_pending_signals.exchange(0);
+    if (pending & signal_bit(SIGHUP)) {
+        atexit(sigexit);
         VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00040040] SIGHUP sig caught\n");
-        return;
-    case SIGINT:
-    case SIGTERM:
+    }
+    if (pending & (signal_bit(SIGINT) | signal_bit(SIGTERM))) {
+        atexit(sigexit);
         signal(SIGSEGV, sigsegv);
         stop_by_signal("[KTR-OSM-00040050] SIGTERM sig caught.\n", true);
+    }
+}
+
+void signal_handler(int signo)
+{
+    switch (signo) {
+    case SIGHUP:
+    case SIGINT:
+    case SIGTERM:
+        s_pending_signals.fetch_or(signal_bit(signo));
+        return;
+    default:
+        break;
+    }
+    // Faults cannot wait for the main loop: returning would run the faulting code again.
+    atexit(sigexit);
+    switch (signo) {
     case SIGABRT:
         signal(SIGSEGV, sigsegv);
         signal(SIGABRT, sigabrt);

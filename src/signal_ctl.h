@@ -2,7 +2,8 @@
 // long-running thread records where it is, its dump (vk_debug_logging), and the exit hook.
 // initsignal in main installs signal_handler and exit_handler.
 // Thread safety: VK_SIGNAL_DEBUG may be used from any thread on its own slot; the slots are
-// atomics so the signal handler can read them while the threads write.
+// atomics so the signal handler can read them while the threads write. signal_handler may
+// run on any thread; handle_pending_signals runs on the main thread.
 #pragma once
 
 #include <atomic>
@@ -38,10 +39,15 @@ extern signal_debug_code_t g_signal_debug_code[SIGNAL_DEBUG_SLOT_COUNT];
 // Clears every slot (init_global_var). Cannot fail.
 void clear_signal_debug_code();
 
-// Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV and SIGTERM. SIGHUP logs one
-// line and returns; the stop signals and faults log, dump the breadcrumbs and exit(0); any
-// other number returns without a trace. Adds the empty exit hook sigexit on every call.
+// Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV and SIGTERM. SIGHUP, SIGINT
+// and SIGTERM are only marked pending (safe in signal context) and acted on by
+// handle_pending_signals; the faults add the empty exit hook sigexit, log, dump the
+// breadcrumbs and exit(0) at once; any other number returns without a trace.
 void signal_handler(int signo);
+// Acts on the marked signals, on the main thread (the one-second loop polls it every
+// 100 ms). Each adds sigexit as an exit hook; SIGHUP logs one line and returns; SIGINT and
+// SIGTERM log the SIGTERM line, dump the breadcrumbs and exit(0), which runs exit_handler.
+void handle_pending_signals();
 // Second-fault handlers installed by signal_handler: exit(0) at once, so that a fault
 // inside the dump ends the process instead of looping.
 void sigkill(int signo);

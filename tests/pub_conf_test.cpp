@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -238,6 +239,47 @@ TEST_F(BootstrapTest, UpdateVklogAppliesAChangedTableValue)
     ASSERT_EQ(update_conf_value_for_key(g_conf_handle, "MGR_LOG_DIRECTORY", "${PUB_CONF_UNSET}", 17), 0);
     unsetenv("PUB_CONF_UNSET");
     EXPECT_EQ(update_vklog(), -1);
+}
+
+void *note_started(void *arg)
+{
+    static_cast<std::atomic<int> *>(arg)->store(1);
+    return nullptr;
+}
+
+TEST_F(BootstrapTest, RunThreadLogsSuccessAndFailure)
+{
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(initialize_configure_manager_agent(0), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(update_conf_value_for_key(g_conf_handle, "MGR_LOG_LEVEL", "debug", 5), 0);
+    ASSERT_EQ(update_vklog(), 0);
+
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, VK_THREAD_STACK_SIZE);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    std::atomic<int> started{0};
+    pthread_t tid;
+    EXPECT_EQ(run_thread(&tid, &attr, note_started, &started, "THR_TEST"), 0);
+    for (int i = 0; i < 500 && started.load() == 0; i++)
+        usleep(2000);
+    EXPECT_EQ(started.load(), 1);
+
+    // A stack no system can give makes pthread_create fail; the caller goes on.
+    pthread_attr_setstacksize(&attr, size_t{1} << 50);
+    int ret = run_thread(&tid, &attr, note_started, &started, "THR_HUGE");
+    pthread_attr_destroy(&attr);
+    ASSERT_NE(ret, 0);
+    std::string text = log_text();
+    EXPECT_NE(text.find("[run_thread] create success. THR_TEST (0)\n"), std::string::npos);
+    EXPECT_NE(text.find("[KTR-OSM-00010030] Failed to create thread. thread_name:THR_HUGE (" +
+                        std::to_string(ret) + ")\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("[run_thread] create failed. THR_HUGE (" + std::to_string(ret) + ":" + strerror(ret) +
+                        ")\n"),
+              std::string::npos);
 }
 
 } // namespace
