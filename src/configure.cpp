@@ -183,8 +183,8 @@ static void conf_index_add(configure_t *handle, int idx)
 
 int set_configure(configure_t *handle, const void *preset_bytes, int size)
 {
-    if (handle == nullptr || preset_bytes == nullptr)
-        return -1;
+    if (handle == nullptr || preset_bytes == nullptr || handle->options != nullptr)
+        return -1; // a filled handle would leak its options
     int count = size > 0 ? size / static_cast<int>(sizeof(conf_preset_t)) : 0;
     if (map_init(&handle->index, CONF_INDEX_BUCKETS, 0) != 0)
         return -2;

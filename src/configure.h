@@ -52,11 +52,13 @@ struct configure_t {
 // New handle filled from `preset_bytes` (size / 196 records). Null on allocation failure or
 // when set_configure fails (nothing is left allocated).
 [[nodiscard]] configure_t *create_configure(const void *preset_bytes, int size);
-// Fills a fresh handle from the preset table. Returns 0; -1 null handle or table; -2 the
+// Fills a fresh handle from the preset table. Returns 0; -1 null handle or table, or a
+// handle that already holds options (left as it is); -2 the
 // option array or the index cannot be allocated (handle left empty). A value that cannot be
 // allocated leaves that option with length 0 and out of the index.
 [[nodiscard]] int set_configure(configure_t *handle, const void *preset_bytes, int size);
-// Frees the index, the values, the array and the handle. A null handle does nothing.
+// Frees the index, the values, the array and the handle (which must come from
+// create_configure). A null handle does nothing.
 void destroy_configure(configure_t *handle);
 
 // Overlays the file on the option values (every known name, whatever its type) and stores

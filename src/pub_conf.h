@@ -52,7 +52,8 @@ int get_properties_preset(const char *key, char *dest, int size);
 // Creates g_conf_handle from the presets, writes data/config with the defaults when it is
 // missing (printing "[main] (<path>) file already exists.\n"), loads it, sets up logging
 // (init_vklog) and lists the options. Returns 0; -1 when the table cannot be created. A
-// logging set-up failure prints its line and exits the process with status 0.
+// logging set-up failure prints its line and exits the process with status 0. A second
+// call (tests) replaces the table, so it must not run while other threads use it.
 [[nodiscard]] int initialize_configure_manager_agent(int debug);
 // Sets up the category "quil-manager-agent" (file output in the configured directory,
 // name and level) as g_vklog, and the console debug handle. Returns 0; -1 the directory

@@ -132,6 +132,8 @@ TEST_F(ConfigureTest, EmptyTableAndNamesLongerThan63)
     char buf[8];
     EXPECT_EQ(get_conf_value_string_for_key(h, (long_name + "EXTRA").c_str(), buf, sizeof(buf)), 0);
     EXPECT_STREQ(buf, "x");
+    EXPECT_EQ(set_configure(h, presets, sizeof(presets)), -1) << "a filled handle is not refilled";
+    EXPECT_EQ(get_config_count(h), 2);
     destroy_configure(h);
 
     configure_t *empty = create_configure(presets, 100); // less than one record
