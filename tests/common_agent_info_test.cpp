@@ -5,7 +5,13 @@
 #include "dg_protocol.pb.h"
 #include "pb_crosscheck.h"
 
+#include <google/protobuf/stubs/common.h>
+#if GOOGLE_PROTOBUF_VERSION < 4022000
+#include <google/protobuf/stubs/logging.h>
+#endif
+
 #include <algorithm>
+#include <random>
 
 namespace
 {
@@ -163,6 +169,15 @@ TEST(common_agent_info, MapEntriesWithEmptyTextsAgreeAsSets)
     ASSERT_EQ(common_res_agent_config_message_configs_alloc(m, 3), 0);
     fill_map(m->configs, {{"zeta", ""}, {"", "no key"}, {"alpha", "1"}});
     cross_check<dg::common_res_agent_config_message>(res_config_codec, m, same_res_config, false);
+
+    // Entries in key order with non-empty texts are exactly what libprotobuf writes.
+    workspace sorted_ws;
+    common_res_agent_config_message_t *sorted_p =
+        common_res_agent_config_message_new(sorted_ws.data(), sorted_ws.size);
+    ASSERT_NE(sorted_p, nullptr);
+    ASSERT_EQ(common_res_agent_config_message_configs_alloc(sorted_p, 2), 0);
+    fill_map(sorted_p->configs, {{"alpha", "1"}, {"zeta", "26"}});
+    cross_check<dg::common_res_agent_config_message>(res_config_codec, sorted_p, same_res_config);
 }
 
 TEST(common_agent_info, IdentityReplyAndConfigNameAgree)
@@ -213,6 +228,69 @@ TEST(common_agent_info, LibprotobufEncodingDecodes)
     auto *m = agent_decode(req_codec, ws, bytes_t(wire.begin(), wire.end()), &result);
     ASSERT_EQ(result, static_cast<int>(wire.size()));
     same_req(m, ref);
+}
+
+// Random damage to a full agent information body (bit flips, inserted, deleted and copied
+// bytes, long varints): whenever both decoders accept the result, they read the same values.
+// They may disagree on acceptance: the agent refuses groups and known fields with the wrong
+// wire type, libprotobuf refuses invalid UTF-8. Texts with a NUL are skipped, since the agent
+// holds texts NUL-terminated.
+TEST(common_agent_info, DamagedBodiesDecodeAsLibprotobufDoes)
+{
+    dg::common_req_agent_info_message seed;
+    seed.set_agent_time(-5);
+    seed.set_host_name("h");
+    seed.set_agent_kind(-3);
+    seed.set_cpu_core_count(300);
+    seed.set_boot_time(1 << 30);
+    seed.add_ip_infos()->set_ip_address("abcd");
+    seed.add_ip_infos()->set_ip_extra(7);
+    seed.add_mac_infos()->set_mac_address("123456");
+    (*seed.mutable_custom_infos())["manager_id"] = "x";
+    (*seed.mutable_custom_infos())["k"] = "v";
+    const std::string wire = seed.SerializeAsString();
+    std::mt19937 random(20250218);
+    auto pick = [&](size_t n) { return n == 0 ? size_t{0} : static_cast<size_t>(random() % n); };
+#if GOOGLE_PROTOBUF_VERSION < 4022000
+    google::protobuf::LogSilencer quiet; // libprotobuf logs every invalid UTF-8 text it refuses
+#endif
+    workspace ws;
+    int both = 0;
+    for (int round = 0; round < 20000 && !HasFailure(); round++) {
+        std::string body = wire;
+        for (size_t edits = 1 + pick(4); edits > 0; edits--) {
+            size_t at = pick(body.size());
+            switch (pick(4)) {
+            case 0:
+                body[at] = static_cast<char>(body[at] ^ (1 << pick(8)));
+                break;
+            case 1:
+                body.insert(at, 1, static_cast<char>(pick(2) ? 0x80 | pick(128) : pick(256)));
+                break;
+            case 2:
+                body.erase(at, 1);
+                break;
+            default:
+                body.insert(at, body.substr(pick(body.size()), pick(16)));
+                break;
+            }
+        }
+        dg::common_req_agent_info_message ref;
+        int result;
+        auto *m = agent_decode(req_codec, ws, bytes_t(body.begin(), body.end()), &result);
+        if (result < 0 || !ref.ParseFromString(body)) {
+            continue;
+        }
+        bool has_nul = false;
+        for (const auto &[key, value] : ref.custom_infos()) {
+            has_nul = has_nul || key.find('\0') != std::string::npos || value.find('\0') != std::string::npos;
+        }
+        if (!has_nul) {
+            both++;
+            same_req(m, ref);
+        }
+    }
+    EXPECT_GT(both, 1000) << "too few bodies were accepted by both to compare";
 }
 
 } // namespace

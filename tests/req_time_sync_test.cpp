@@ -40,4 +40,25 @@ TEST(req_time_sync, MaximumIsTenByteVarint)
     EXPECT_EQ(agent_encode(codec, record_p), expected);
 }
 
+// The tenth byte of a varint can only carry bit 63; libprotobuf accepts the other bits there
+// and drops them. The agent must read the same clock, not refuse the body or shift in garbage.
+TEST(req_time_sync, TenthVarintByteKeepsOnlyBit63LikeLibprotobuf)
+{
+    const struct {
+        uint8_t last;
+        uint64_t value;
+    } cases[] = {{0x01, UINT64_MAX}, {0x7F, UINT64_MAX}, {0x7E, INT64_MAX}, {0x00, INT64_MAX}};
+    for (const auto &c : cases) {
+        bytes_t data = {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, c.last};
+        dg::req_time_sync ref;
+        ASSERT_TRUE(ref.ParseFromArray(data.data(), static_cast<int>(data.size())));
+        EXPECT_EQ(ref.server_time(), c.value);
+        workspace ws;
+        int result;
+        req_time_sync_t *record_p = agent_decode(codec, ws, data, &result);
+        ASSERT_EQ(result, 11) << static_cast<int>(c.last);
+        EXPECT_EQ(record_p->server_time, c.value) << static_cast<int>(c.last);
+    }
+}
+
 } // namespace
