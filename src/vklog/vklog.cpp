@@ -441,7 +441,10 @@ void vl_reset_output_file(vklog_output_file_t *output, vklog_lock_t *fd_lock)
     output->err_no.store(0);
     output->backup_idx.store(0);
     output->backup_work.store(0);
-    output->fd_lock = fd_lock;
+    // A slot's lock never changes; a slot reused after vklog_fini keeps its pointer, so a
+    // call still in flight on a stale handle never reads it while it is written.
+    if (output->fd_lock != fd_lock)
+        output->fd_lock = fd_lock;
 }
 
 // Fills the next free slot (caller holds s_apply_lock) and then publishes it. The slot's
@@ -484,6 +487,8 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
     {
         std::lock_guard<vklog_lock_t> hold(cat->config_lock);
         old = cat->config;
+        if (old == config)
+            return 0; // the configuration in force itself: nothing to install, nothing to free
         // Re-applying what is in force (every few seconds by a program's refresh) changes
         // nothing: no swap, no socket or backup work.
         if (old != nullptr && vl_config_equal(old, config)) {
@@ -493,6 +498,8 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         if (old != nullptr)
             old->count_in_use++; // keeps its fields readable below
     }
+    config->next = nullptr;
+    config->count_in_use = 0;
     if (old != nullptr) {
         if (vl_apply_config_to_vklogger(&cat->output_vklogger, old, config) != 0)
             *err = -4;
@@ -526,13 +533,13 @@ int vklog_apply_config(vklog_config_t *config, int *err)
         *err = -1;
         return -1;
     }
-    config->next = nullptr;
-    config->count_in_use = 0;
     std::lock_guard<vklog_lock_t> hold(s_apply_lock);
     vklog_t *cat =
         vl_find_category(std::string_view(config->name, strnlen(config->name, sizeof(config->name))));
     if (cat != nullptr)
         return vl_swap_config(cat, config, err);
+    config->next = nullptr;
+    config->count_in_use = 0;
     if (vl_create_category(config, err) == nullptr) {
         vklog_config_free(config);
         return -2;

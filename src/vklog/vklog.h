@@ -190,11 +190,11 @@ void vklog_set_reload_disable();
 // The category of that name, (re)activated unless OLV_DAEMON_VKLOG_DEACTIVATE is exactly
 // "true"; null when absent. A null name gives the built-in standard-output category.
 vklog_t *vklog_get_category(const char *name);
-// Applies one configuration: installs it in the category of its name (an identical one is
-// a no-op: no swap, no socket or backup work) or creates that category (at most 12; a new
-// one stays silent until vklog_get_category or vklog_enable). A changed backup count
-// removes surplus backups. 0 (with *err -4 when the UDP output could not be set up);
-// -1 null configuration; -2 table full (*err -2; the configuration is freed).
+// Applies one configuration: installs it in the category of its name (an identical one, or
+// the one in force itself, is a no-op: no swap, no socket or backup work) or creates that
+// category (at most 12; a new one stays silent until vklog_get_category or vklog_enable).
+// A changed backup count removes surplus backups. 0 (with *err -4 when the UDP output could
+// not be set up); -1 null configuration; -2 table full (*err -2; the configuration is freed).
 int vklog_apply_config(vklog_config_t *config, int *err);
 
 // ---- configurations ----

@@ -101,6 +101,11 @@ TEST_F(VklogCategory, AgentStartRefreshAndEnd)
     EXPECT_EQ(cat->config, before);
     EXPECT_TRUE(fs::exists(dir_ + "/quil-manager-agent.log.9")); // no clean-up ran
 
+    // The configuration in force handed back itself is neither freed nor reset.
+    ASSERT_EQ(vklog_apply_config(before, &err), 0);
+    EXPECT_EQ(cat->config, before);
+    VKLOG_INFO(cat, "[main] still here\n");
+
     ASSERT_EQ(refresh("debug"), 0);
     EXPECT_NE(cat->config, before);
     EXPECT_EQ(cat->level.load().value, VKLOG_LEVEL_DEBUG);
@@ -109,6 +114,7 @@ TEST_F(VklogCategory, AgentStartRefreshAndEnd)
     EXPECT_NE(text.find("[INFO][main] start\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("hidden"), std::string::npos);
     EXPECT_NE(text.find("[DBUG][main] shown\n"), std::string::npos);
+    EXPECT_NE(text.find("[INFO][main] still here\n"), std::string::npos);
 
     vklog_fini();
     EXPECT_EQ(g_vklog.load(), nullptr);
