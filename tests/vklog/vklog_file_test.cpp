@@ -282,6 +282,30 @@ TEST_F(VklogFile, SizeLimitTriggersRotationThroughTheLineWriter)
     EXPECT_EQ(vl_is_limit_size(path("absent").c_str(), 0), 0);
 }
 
+TEST_F(VklogFile, RotationsThroughTheLineWriterFollowTheRing)
+{
+    // Each generation of the file starts with a line naming it; four rotations of a 1 MiB
+    // file with 3 backups go .1, .2, .3 and .1 again.
+    vklog_config_t *c = file_config("ring-writer", 3, 1);
+    set(c, VKLOG_CFG_TYPE_HEADER_FLAG, "");
+    vklog_t *cat = category(c);
+    std::string chunk(8000, 'c');
+    int gen = 1;
+    VKLOG_INFO(cat, "gen%d\n", gen);
+    for (int lines = 0; gen <= 4 && lines < 1000; lines++) {
+        VKLOG_INFO(cat, "%s\n", chunk.c_str());
+        if (!exists("agent.log"))
+            VKLOG_INFO(cat, "gen%d\n", ++gen);
+    }
+    ASSERT_EQ(gen, 5);
+    EXPECT_EQ(read_file(path("agent.log.1")).substr(0, 5), "gen4\n");
+    EXPECT_EQ(read_file(path("agent.log.2")).substr(0, 5), "gen2\n");
+    EXPECT_EQ(read_file(path("agent.log.3")).substr(0, 5), "gen3\n");
+    EXPECT_EQ(read_file(path("agent.log")), "gen5\n");
+    EXPECT_FALSE(exists("agent.log.4"));
+    EXPECT_EQ(cat->output_file.backup_idx.load(), 1);
+}
+
 TEST_F(VklogFile, NoBackupsMeansTheFullFileIsDeleted)
 {
     vklog_config_t *c = file_config("nobackup", 0, 10);
