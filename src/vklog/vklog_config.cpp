@@ -427,6 +427,8 @@ int vl_conf_section(std::string_view line, vl_conf_list_t *list)
     vklog_config_t *config = vklog_config_new_from_preset(VKLOG_CFG_PRESET_DEFAULT);
     if (config == nullptr)
         return -11;
+    // A name too long for the field is cut rather than left as the preset's name.
+    name = name.substr(0, sizeof(config->name) - 1);
     (void)vklog_config_set(config, VKLOG_CFG_TYPE_NAME, static_cast<unsigned>(name.size()), name.data());
     list->append(config);
     return 0;
@@ -462,6 +464,24 @@ int vl_conf_line(std::string_view line, vl_conf_list_t *list)
     return vl_conf_key_value(line, list->tail);
 }
 
+// Reads one line (up to and including its newline) and keeps its first `size` bytes in
+// `line`, newline included. An over-long line's rest is read and dropped, never taken as a
+// line of its own: the tail of a long comment must not turn into a setting. Returns the
+// bytes consumed (0 at the end of the file); *kept is the number stored.
+off_t vl_read_line(FILE *file, char *line, size_t size, size_t *kept)
+{
+    off_t consumed = 0;
+    *kept = 0;
+    for (int c = getc(file); c != EOF; c = getc(file)) {
+        consumed++;
+        if (*kept < size)
+            line[(*kept)++] = static_cast<char>(c);
+        if (c == '\n')
+            break;
+    }
+    return consumed;
+}
+
 } // namespace
 
 vklog_config_t *vl_load_config_from_conf_file(const char *path, int *rc, int *err)
@@ -482,9 +502,12 @@ vklog_config_t *vl_load_config_from_conf_file(const char *path, int *rc, int *er
     char line[s_conf_line_size];
     off_t total = 0;
     // Up to the size seen at open: a file that grows while it is read is not chased.
-    while (total < st.st_size && fgets(line, sizeof(line), file.get()) != nullptr) {
-        size_t len = strnlen(line, sizeof(line));
-        total += static_cast<off_t>(len);
+    size_t len = 0;
+    while (total < st.st_size) {
+        off_t consumed = vl_read_line(file.get(), line, sizeof(line), &len);
+        if (consumed == 0)
+            break;
+        total += consumed;
         int line_rc = vl_conf_line(std::string_view(line, len), &list);
         if (line_rc != 0) {
             *rc = line_rc;

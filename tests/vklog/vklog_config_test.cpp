@@ -353,6 +353,25 @@ TEST(VklogConfigFile, ErrorsFailTheWholeLoad)
     loaded just_fits = load(dir.write("fits.conf", "[ok]\ndirectory=" + std::string(1022, 'd') + "\n"));
     EXPECT_EQ(just_fits.rc, 0);
     EXPECT_EQ(strlen(just_fits.head->out_dir), 1022u);
+    // The tail of an over-long comment line (here past 4095 bytes) is not a setting; a NUL
+    // inside a line does not swallow the next one; an over-long section name is cut, not
+    // replaced by the preset's name.
+    loaded long_comment =
+        load(dir.write("comment.conf", "[ok]\n#" + std::string(4094, 'c') + "level = loud\nlevel=warn\n[" +
+                                           std::string(200, 's') + "]\n"));
+    ASSERT_EQ(long_comment.rc, 0);
+    ASSERT_NE(long_comment.head, nullptr);
+    EXPECT_EQ(long_comment.head->level.value, VKLOG_LEVEL_WARN);
+    ASSERT_NE(long_comment.head->next, nullptr);
+    EXPECT_EQ(std::string(long_comment.head->next->name), std::string(127, 's'));
+    vl_config_list_free(long_comment.head->next);
+    long_comment.head->next = nullptr;
+    const char nul_text[] = "[ok]\nlevel=warn\0junk\nfilename=a.log\n";
+    loaded with_nul = load(dir.write("nul.conf", std::string(nul_text, sizeof(nul_text) - 1)));
+    ASSERT_EQ(with_nul.rc, 0);
+    ASSERT_NE(with_nul.head, nullptr);
+    EXPECT_EQ(with_nul.head->level.value, VKLOG_LEVEL_WARN);
+    EXPECT_STREQ(with_nul.head->out_file, "a.log");
     loaded empty = load(dir.write("empty.conf", ""));
     EXPECT_EQ(empty.rc, 0);
     EXPECT_EQ(empty.head, nullptr);
