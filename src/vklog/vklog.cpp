@@ -721,7 +721,7 @@ namespace
 {
 
 // The built-in standard-output category, outside the table of 12.
-vklog_t *vl_default_stdout()
+vklog_t *vklog_default_stdout()
 {
     static vklog_t cat;
     static std::once_flag once;
@@ -773,7 +773,7 @@ int vklog_disable_from_config_name(const char *name)
 
 vklog_t *vklog_get_category(const char *name)
 {
-    vklog_t *cat = name != nullptr ? vl_find_category(name) : vl_default_stdout();
+    vklog_t *cat = name != nullptr ? vl_find_category(name) : vklog_default_stdout();
     if (cat != nullptr)
         vl_activate(cat);
     return cat;
