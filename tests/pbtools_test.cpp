@@ -250,6 +250,43 @@ TEST(pbtools, WorkspaceTooSmall)
         -PBTOOLS_OUT_OF_MEMORY);
 }
 
+// Every workspace size, each in an allocation of exactly that many bytes (so ASan sees any
+// write past it): a body either decodes completely or fails with -3, and once a size fits,
+// every larger one fits too. The bodies allocate texts, item arrays, nested items and a
+// sub-message record, so the heap runs out at each kind of allocation along the way.
+TEST(pbtools, EveryWorkspaceSizeFitsOrRunsOutCleanly)
+{
+    const bytes_t agent_info = {0x12, 3,    'a',  'b',  'c', 0x72, 6,    0x08, 4,    0x12, 2, 1,
+                                2,    0x72, 0,    0x7A, 3,   0x0A, 1,    9,    0x82, 0x01, 6, 0x0A,
+                                1,    'k',  0x12, 1,    'v', 0x82, 0x01, 0,    0x58, 8};
+    bytes_t command = concat({k_command, {0x62, 9, 0x0A, 2, 'f', 'n', 0x1A, 3, 1, 2, 3, 0x3A, 1, 'p'}});
+    for (bool is_command : {false, true}) {
+        const bytes_t &data = is_command ? command : agent_info;
+        bool fitted = false;
+        for (size_t size = 0; size < 1024; size++) {
+            std::vector<uint8_t> area(size);
+            int result;
+            if (is_command) {
+                req_command_message_t *m = req_command_message_new(area.data(), size);
+                result = m == nullptr ? -PBTOOLS_OUT_OF_MEMORY
+                                      : req_command_message_decode(m, data.data(), data.size());
+            } else {
+                common_req_agent_info_message_t *m = common_req_agent_info_message_new(area.data(), size);
+                result = m == nullptr ? -PBTOOLS_OUT_OF_MEMORY
+                                      : common_req_agent_info_message_decode(m, data.data(), data.size());
+            }
+            if (fitted) {
+                ASSERT_EQ(result, static_cast<int>(data.size())) << size;
+            } else {
+                ASSERT_TRUE(result == -PBTOOLS_OUT_OF_MEMORY || result == static_cast<int>(data.size()))
+                    << size;
+            }
+            fitted = result >= 0;
+        }
+        EXPECT_TRUE(fitted);
+    }
+}
+
 // A later singular field replaces the earlier one (sub-messages too, without merging);
 // repeated items keep their order across interleaved fields; decoding resets the record.
 TEST(pbtools, RepeatedAndDuplicateFields)
