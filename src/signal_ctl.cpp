@@ -75,26 +75,22 @@ void vk_debug_logging()
     exit(0);
 }
 
-// Hang-up and stop signals only mark themselves here (a lock-free bit set, safe in signal
+// Hang-up and stop signals only count themselves here (lock-free counters, safe in signal
 // context); the main loop acts on them in handle_pending_signals. Logging and exit from
 // inside a handler could deadlock on a lock the interrupted thread holds in the logging
-// library, and exit's hooks free memory, which signal context does not allow.
-static std::atomic<unsigned> s_pending_signals{0};
+// library, and exit's hooks free memory, which signal context does not allow. Hang-ups are
+// counted, not flagged, so that each one still gets its line.
+static std::atomic<unsigned> s_pending_hup{0};
+static std::atomic<unsigned> s_pending_stop{0};
 static_assert(std::atomic<unsigned>::is_always_lock_free, "set from signal context");
-
-static constexpr unsigned signal_bit(int signo)
-{
-    return 1u << signo;
-}
 
 void handle_pending_signals()
 {
-    unsigned pending = s_pending_signals.exchange(0);
-    if (pending & signal_bit(SIGHUP)) {
+    for (unsigned n = s_pending_hup.exchange(0); n > 0; n--) {
         atexit(sigexit);
         VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00040040] SIGHUP sig caught\n");
     }
-    if (pending & (signal_bit(SIGINT) | signal_bit(SIGTERM))) {
+    if (s_pending_stop.exchange(0) > 0) {
         atexit(sigexit);
         signal(SIGSEGV, sigsegv);
         stop_by_signal("[KTR-OSM-00040050] SIGTERM sig caught.\n", true);
@@ -105,9 +101,11 @@ void signal_handler(int signo)
 {
     switch (signo) {
     case SIGHUP:
+        s_pending_hup.fetch_add(1);
+        return;
     case SIGINT:
     case SIGTERM:
-        s_pending_signals.fetch_or(signal_bit(signo));
+        s_pending_stop.fetch_add(1);
         return;
     default:
         break;

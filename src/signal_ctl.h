@@ -40,12 +40,12 @@ extern signal_debug_code_t g_signal_debug_code[SIGNAL_DEBUG_SLOT_COUNT];
 void clear_signal_debug_code();
 
 // Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV and SIGTERM. SIGHUP, SIGINT
-// and SIGTERM are only marked pending (safe in signal context) and acted on by
+// and SIGTERM are only counted as pending (safe in signal context) and acted on by
 // handle_pending_signals; the faults add the empty exit hook sigexit, log, dump the
 // breadcrumbs and exit(0) at once; any other number returns without a trace.
 void signal_handler(int signo);
 // Acts on the marked signals, on the main thread (the one-second loop polls it every
-// 100 ms). Each adds sigexit as an exit hook; SIGHUP logs one line and returns; SIGINT and
+// 100 ms). Each adds sigexit as an exit hook; every SIGHUP logs one line; SIGINT and
 // SIGTERM log the SIGTERM line, dump the breadcrumbs and exit(0), which runs exit_handler.
 void handle_pending_signals();
 // Second-fault handlers installed by signal_handler: exit(0) at once, so that a fault
