@@ -118,11 +118,16 @@ std::string expected_record(pid_t pid)
 
 TEST_F(PidGuardTest, WritesA32ByteRecordOverStaleOnes)
 {
-    ASSERT_EQ(check_double_execution("quil-manager-agent", "quil-manager-agent"), 0);
+    // Created with mode 0666 before the umask: 0664 under umask 002.
+    mode_t saved = umask(002);
+    int ret = check_double_execution("quil-manager-agent", "quil-manager-agent");
+    umask(saved);
+    ASSERT_EQ(ret, 0);
     EXPECT_EQ(pid_record(), expected_record(getpid()));
     struct stat st {
     };
     ASSERT_EQ(stat(pid_path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0664u);
 
     // A longer stale record keeps its tail: only the first 32 bytes are rewritten.
     write_record("999999999" + std::string(23, '\0') + "TAIL");
