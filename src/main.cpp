@@ -249,8 +249,11 @@ int main(int argc, char **argv)
         exit(0);
     }
     VKLOG_NOTICE(g_vklog.load(), "g_vk_manager_home[%s]\n", g_vk_manager_home);
-    const char *slash = strrchr(argv[0], '/');
-    if (check_double_execution(slash != nullptr ? slash + 1 : argv[0], k_agent_name) != 0)
+    // Kernels before 5.18 let execve pass an empty argv: no program name, and the guard
+    // then recognises no running agent by name.
+    const char *program = argc > 0 && argv[0] != nullptr ? argv[0] : "";
+    const char *slash = strrchr(program, '/');
+    if (check_double_execution(slash != nullptr ? slash + 1 : program, k_agent_name) != 0)
         exit(0);
     VKLOG_INFO(g_vklog.load(), "[MAIN] start %s. <%s> version %s\n", k_agent_name, "DEBUG",
                get_manager_full_version_string());
