@@ -259,10 +259,11 @@ TEST_F(BootstrapTest, RunThreadLogsSuccessAndFailure)
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, VK_THREAD_STACK_SIZE);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    std::atomic<int> started{0};
+    // Static: the detached thread may outlive this test's frame on a slow machine.
+    static std::atomic<int> started{0};
     pthread_t tid;
     EXPECT_EQ(run_thread(&tid, &attr, note_started, &started, "THR_TEST"), 0);
-    for (int i = 0; i < 500 && started.load() == 0; i++)
+    for (int i = 0; i < 5000 && started.load() == 0; i++)
         usleep(2000);
     EXPECT_EQ(started.load(), 1);
 
