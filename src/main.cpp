@@ -152,6 +152,9 @@ int process_main(pthread_attr_t *attributes)
     timeval tick{now.tv_sec + 1, 0};
     while (g_stop_the_world.load() == 0) {
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+        // Also once per tick here: a tick whose work overran the next second never enters
+        // the wait's 100 ms polling.
+        handle_pending_signals();
         now = wait_for_tick(tick);
         tick = timeval{now.tv_sec + 1, 0};
         run_tick(now.tv_sec, pid_path);
