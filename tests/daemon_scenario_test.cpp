@@ -238,11 +238,29 @@ TEST_F(DaemonScenario, FirstStartWritesDefaultsLogsAndStopsOnSigterm)
 {
     pid_t agent = start("first", {"-x", "-d"}); // unknown arguments are ignored
     ASSERT_GT(agent, 0);
-    ASSERT_TRUE(log_has("[MAIN] initialize resources.\n")) << log() << out("first");
+    ASSERT_TRUE(log_has("[check_os_info] Machine : ")) << log() << out("first");
 
+    // Start-up in its order: standard output before logging exists, then the log.
     std::string config = manager + "/data/config";
-    EXPECT_NE(out("first").find("debug mode on\n"), std::string::npos);
-    EXPECT_NE(out("first").find("[main] (" + config + ") file already exists.\n"), std::string::npos);
+    const std::string stdout_start = "debug mode on\nenv MGR_QUIL_HOME(" + std::to_string(home.size()) +
+                                     ")[" + home + "]\nenv MGR_RECEIVER_ADDR(256)[]\n[main] (" + config +
+                                     ") file already exists.\n";
+    EXPECT_EQ(out("first").substr(0, stdout_start.size()), stdout_start);
+    const std::string steps[] = {"[print_configure] config MGR_INTERVAL_GARBAGE_COLLECT=[86400]\n",
+                                 "[NOTI]g_vk_manager_home[" + manager + "]\n",
+                                 "[check_double_execution] write pid. " + std::to_string(agent) + "\n",
+                                 "[MAIN] start quil-manager-agent. <DEBUG> version ",
+                                 "[MAIN] HOME: " + manager + "\n",
+                                 "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n",
+                                 "[MAIN] initialize resources.\n",
+                                 "[process_main] setting sudo flag (",
+                                 "[check_os_info] OS Name : "};
+    const std::string start_log = log();
+    size_t at = 0;
+    for (const std::string &step : steps) {
+        at = start_log.find(step, at);
+        ASSERT_NE(at, std::string::npos) << step << "\n" << start_log;
+    }
     EXPECT_EQ(read_file(config), k_defaults);
     EXPECT_EQ(recorded_pid(), agent);
     // With -d the console debug lines go to standard output, not to the file.
