@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "vk_byteorder.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -137,20 +138,6 @@ template <typename Fn> void for_each_conf_line(FILE *file, Fn apply)
         if (parse_conf_line(line, name, value))
             apply(name, value);
     }
-}
-
-void put_be16(unsigned char *p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 8);
-    p[1] = static_cast<unsigned char>(v);
-}
-
-void put_be32(unsigned char *p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // the DG connection thread, the message builders and the configuration bootstrap.
 // Nothing here logs: failures are returned as codes and the caller decides.
 #include "vk_comm.h"
+#include "vk_byteorder.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -64,25 +65,6 @@ constexpr unsigned char k_oio_magic = 0xFF;
 // Header version of every main header this process writes; set once by the connection
 // thread, read by any sending thread.
 std::atomic<uint8_t> s_header_version{0};
-
-void put_be16(unsigned char *p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 8);
-    p[1] = static_cast<unsigned char>(v);
-}
-
-void put_be32(unsigned char *p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
-
-uint32_t get_be32(const unsigned char *p)
-{
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
-}
 
 // recv that restarts after signals. Returns what recv returns otherwise.
 ssize_t recv_retry(int sock, char *dest, size_t size)
@@ -247,7 +229,7 @@ uint32_t get_nio_length(const char *packet)
 uint16_t get_nio_message_type(const char *packet)
 {
     auto *p = reinterpret_cast<const unsigned char *>(packet);
-    return static_cast<uint16_t>((p[12] << 8) | p[13]);
+    return get_be16(p + 12);
 }
 
 // ---- packet builders --------------------------------------------------------
