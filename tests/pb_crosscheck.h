@@ -22,11 +22,14 @@ template <typename T> struct agent_codec {
     int (*encode_fn)(const T *, uint8_t *, size_t);
     int (*decode_fn)(T *, const uint8_t *, size_t);
 };
+#define AGENT_CODEC(name) (agent_codec<name##_t>{name##_new, name##_encode, name##_decode})
 
 // An 8-byte aligned workspace of the given size.
 struct workspace {
     explicit workspace(size_t size = 65536) : words((size + 7) / 8), size(size) {}
     void *data() { return words.data(); }
+    // A fresh record of this workspace (null only if the workspace cannot hold it).
+    template <typename T> T *fresh(const agent_codec<T> &codec) { return codec.new_fn(data(), size); }
     std::vector<uint64_t> words;
     size_t size;
 };
@@ -44,7 +47,7 @@ template <typename T> bytes_t agent_encode(const agent_codec<T> &codec, const T 
 template <typename T>
 T *agent_decode(const agent_codec<T> &codec, workspace &ws, const bytes_t &data, int *result_p)
 {
-    T *record_p = codec.new_fn(ws.data(), ws.size);
+    T *record_p = ws.fresh(codec);
     EXPECT_NE(record_p, nullptr);
     *result_p =
         record_p == nullptr ? -PBTOOLS_OUT_OF_MEMORY : codec.decode_fn(record_p, data.data(), data.size());
@@ -75,20 +78,31 @@ inline pbtools_bytes_t bytes_of(const std::string &text)
     return {reinterpret_cast<uint8_t *>(const_cast<char *>(text.data())), text.size()};
 }
 
-// Maps compare as sets: libprotobuf keeps no entry order.
-inline std::map<std::string, std::string> map_of(const pbtools_repeated<pbtools_map_entry_t> &field)
+// One field of an agent record against libprotobuf's value: numbers as they are, texts and
+// bytes as strings, maps as sets (libprotobuf keeps no entry order).
+template <typename A, typename B> void expect_same(const A &ours, const B &theirs, const char *name)
 {
-    std::map<std::string, std::string> out;
-    for (int32_t i = 0; i < field.length; i++) {
-        out[field.items_p[i].key] = field.items_p[i].value;
+    EXPECT_EQ(ours, theirs) << name;
+}
+inline void expect_same(const char *ours, const std::string &theirs, const char *name)
+{
+    EXPECT_STREQ(ours, theirs.c_str()) << name;
+}
+inline void expect_same(const pbtools_bytes_t &ours, const std::string &theirs, const char *name)
+{
+    EXPECT_EQ(text_of(ours), theirs) << name;
+}
+inline void expect_same(const pbtools_repeated<pbtools_map_entry_t> &ours,
+                        const google::protobuf::Map<std::string, std::string> &theirs, const char *name)
+{
+    std::map<std::string, std::string> ours_set;
+    for (int32_t i = 0; i < ours.length; i++) {
+        ours_set[ours.items_p[i].key] = ours.items_p[i].value;
     }
-    return out;
+    EXPECT_EQ(ours_set, (std::map<std::string, std::string>(theirs.begin(), theirs.end()))) << name;
 }
-
-inline std::map<std::string, std::string> map_of(const google::protobuf::Map<std::string, std::string> &field)
-{
-    return std::map<std::string, std::string>(field.begin(), field.end());
-}
+// Used inside a `same(record_p, ref)` comparison: SAME(a), SAME(b), ... lists the fields.
+#define SAME(field) expect_same(record_p->field, ref.field(), #field)
 
 // Fills an allocated map field from key/value pairs, in the given order.
 inline void fill_map(pbtools_repeated<pbtools_map_entry_t> &field,
@@ -126,7 +140,7 @@ void cross_check(const agent_codec<T> &codec, const T *record_p, Same same, bool
 template <typename Ref, typename T, typename Same> void check_defaults(const agent_codec<T> &codec, Same same)
 {
     workspace ws;
-    T *record_p = codec.new_fn(ws.data(), ws.size);
+    T *record_p = ws.fresh(codec);
     ASSERT_NE(record_p, nullptr);
     EXPECT_TRUE(agent_encode(codec, record_p).empty());
     int result;

@@ -7,27 +7,20 @@
 namespace
 {
 
-const agent_codec<res_time_sync_message_t> codec = {res_time_sync_message_new, res_time_sync_message_encode,
-                                                    res_time_sync_message_decode};
+const auto codec = AGENT_CODEC(res_time_sync_message);
 
 void same(const res_time_sync_message_t *record_p, const dg::res_time_sync_message &ref)
 {
-    EXPECT_EQ(record_p->agent_time, ref.agent_time());
-    EXPECT_EQ(record_p->dg_time, ref.dg_time());
-}
-
-TEST(res_time_sync_message, DefaultsAreOmitted)
-{
-    check_defaults<dg::res_time_sync_message>(codec, same);
+    SAME(agent_time), SAME(dg_time);
 }
 
 TEST(res_time_sync_message, ValuesAgreeWithLibprotobuf)
 {
-    const uint64_t pairs[][2] = {
-        {1739869550123, 1739869549000}, {UINT64_MAX, 0}, {0, UINT64_MAX}, {UINT64_MAX, UINT64_MAX}};
+    check_defaults<dg::res_time_sync_message>(codec, same);
+    const uint64_t pairs[][2] = {{1739869550123, 1739869549000}, {UINT64_MAX, 0}, {0, UINT64_MAX}};
     for (const auto &pair : pairs) {
         workspace ws;
-        res_time_sync_message_t *record_p = res_time_sync_message_new(ws.data(), ws.size);
+        res_time_sync_message_t *record_p = ws.fresh(codec);
         ASSERT_NE(record_p, nullptr);
         record_p->agent_time = pair[0];
         record_p->dg_time = pair[1];
