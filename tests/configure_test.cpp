@@ -2,38 +2,21 @@
 // lines without "=", values with "="), reload on mtime change, the update rule, save through
 // "<path>.tmp" and the serialised form. Files live in a private temporary directory.
 #include "configure.h"
-#include "pub_conf.h"
 
-#include <gtest/gtest.h>
+#include "daemon_support.h"
+#include "pub_conf.h"
 
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
+#include <memory>
 
 namespace
 {
 
-std::string read_file(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path, std::ios::trunc);
-    out << text;
-}
+using namespace daemon_support;
 
 // Moves the file's mtime by `seconds` so a reload sees a change without waiting.
 void shift_mtime(const std::string &path, int seconds)
@@ -43,11 +26,6 @@ void shift_mtime(const std::string &path, int seconds)
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     timeval times[2] = {{st.st_atime, 0}, {st.st_mtime + seconds, 0}};
     ASSERT_EQ(utimes(path.c_str(), times), 0);
-}
-
-uint32_t be32(const unsigned char *p)
-{
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
 std::string value_of(configure_t *h, int idx)
@@ -62,19 +40,11 @@ class ConfigureTest : public ::testing::Test
   protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/configure_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        path = dir + "/config";
-        handle = create_configure(g_manager_conf_preset, sizeof(g_manager_conf_preset));
+        ASSERT_FALSE(dir.path.empty());
         ASSERT_NE(handle, nullptr);
     }
-    void TearDown() override
-    {
-        destroy_configure(handle);
-        std::string cmd = "rm -rf '" + dir + "'";
-        EXPECT_EQ(system(cmd.c_str()), 0);
-    }
+    void TearDown() override { destroy_configure(handle); }
+    // Each option counts 80 bytes beside its value in the serialised size.
     int expected_serial_size()
     {
         int total = 0;
@@ -83,67 +53,33 @@ class ConfigureTest : public ::testing::Test
         return total;
     }
 
-    std::string dir;
-    std::string path;
-    configure_t *handle = nullptr;
+    temp_dir dir{"configure_test"};
+    std::string path = dir.path + "/config";
+    configure_t *handle = create_configure(g_manager_conf_preset, sizeof(g_manager_conf_preset));
 };
 
 TEST_F(ConfigureTest, PresetsReadByIndexAndName)
 {
+    const char *defaults[] = {"300", "${MGR_QUIL_MANAGER_HOME}/log", "quil-manager-agent.log", "info",
+                              "86400"};
     ASSERT_EQ(get_config_count(handle), 5);
-    EXPECT_EQ(value_of(handle, 0), "300");
-    EXPECT_EQ(value_of(handle, 1), "${MGR_QUIL_MANAGER_HOME}/log");
-    EXPECT_EQ(value_of(handle, 2), "quil-manager-agent.log");
-    EXPECT_EQ(value_of(handle, 3), "info");
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(value_of(handle, i), defaults[i]);
     EXPECT_EQ(get_conf_value_int_for_idx(handle, 4), 86400);
-    EXPECT_EQ(get_conf_value_int_for_idx(handle, 0), 300);
     EXPECT_EQ(get_conf_value_int_for_idx(handle, 5), -35199957);
     EXPECT_EQ(get_conf_value_int_for_idx(handle, -1), CONF_INT_ERROR);
-    EXPECT_EQ(get_conf_value_int_for_idx(nullptr, 0), CONF_INT_ERROR);
     EXPECT_EQ(handle->serial_size, expected_serial_size());
 
     char buf[64];
     EXPECT_EQ(get_conf_value_string_for_key(handle, "MGR_LOG_LEVEL", buf, sizeof(buf)), 3);
     EXPECT_STREQ(buf, "info");
     EXPECT_EQ(get_conf_value_string_for_key(handle, "MGR_NOPE", buf, sizeof(buf)), -4);
-    EXPECT_EQ(get_conf_value_string_for_key(handle, nullptr, buf, sizeof(buf)), -3);
-    EXPECT_EQ(get_conf_value_string_for_key(nullptr, "MGR_LOG_LEVEL", buf, sizeof(buf)), -1);
     EXPECT_EQ(get_conf_value_int_for_key(handle, "MGR_INTERVAL_GARBAGE_COLLECT"), 86400);
     EXPECT_EQ(get_conf_value_int_for_key(handle, "MGR_NOPE"), CONF_INT_ERROR);
     EXPECT_EQ(get_conf_value_string_for_idx(handle, 5, buf, sizeof(buf)), -3);
-    EXPECT_EQ(get_conf_value_string_for_idx(nullptr, 0, buf, sizeof(buf)), -1);
-    EXPECT_EQ(get_config_count(nullptr), -1);
-
-    // A short destination gets a cut, terminated copy.
-    char small[4];
+    char small[4]; // a short destination gets a cut, terminated copy
     EXPECT_EQ(get_conf_value_string_for_idx(handle, 2, small, sizeof(small)), 0);
     EXPECT_STREQ(small, "qui");
-}
-
-TEST_F(ConfigureTest, EmptyTableAndNamesLongerThan63)
-{
-    conf_preset_t presets[2] = {{1, "", "x"}, {1, "", "y"}};
-    std::string long_name(63, 'N');
-    memcpy(presets[0].name, long_name.data(), 63);
-    configure_t *h = create_configure(presets, sizeof(presets));
-    ASSERT_NE(h, nullptr);
-    // Names are matched on their first 63 characters.
-    EXPECT_EQ(get_conf_value_int_for_key(h, (long_name + "EXTRA").c_str()), 0);
-    char buf[8];
-    EXPECT_EQ(get_conf_value_string_for_key(h, (long_name + "EXTRA").c_str(), buf, sizeof(buf)), 0);
-    EXPECT_STREQ(buf, "x");
-    EXPECT_EQ(set_configure(h, presets, sizeof(presets)), -1) << "a filled handle is not refilled";
-    EXPECT_EQ(get_config_count(h), 2);
-    destroy_configure(h);
-
-    configure_t *empty = create_configure(presets, 100); // less than one record
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(get_conf_value_string_for_idx(empty, 0, buf, sizeof(buf)), -2);
-    EXPECT_EQ(update_conf_value_for_key(empty, "A", "1", 1), -2);
-    char *out = nullptr;
-    EXPECT_EQ(get_conf_serialization(empty, &out), -2);
-    destroy_configure(empty);
-    EXPECT_EQ(create_configure(nullptr, 196), nullptr);
 }
 
 TEST_F(ConfigureTest, LoadAppliesTheFileFormat)
@@ -156,21 +92,11 @@ TEST_F(ConfigureTest, LoadAppliesTheFileFormat)
                      "#MGR_LOG_DIRECTORY=/commented\n"
                      "MGR_INTERVAL_GARBAGE_COLLECT=60");
     ASSERT_EQ(load_config_file(handle, path.c_str()), 0);
-    EXPECT_EQ(value_of(handle, 0), "300");
-    EXPECT_EQ(value_of(handle, 1), "${MGR_QUIL_MANAGER_HOME}/log");
-    EXPECT_EQ(value_of(handle, 2), "a=b=c");
-    EXPECT_EQ(value_of(handle, 3), "debug");
-    EXPECT_EQ(get_conf_value_int_for_idx(handle, 4), 60);
+    const char *expected[] = {"300", "${MGR_QUIL_MANAGER_HOME}/log", "a=b=c", "debug", "60"};
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(value_of(handle, i), expected[i]);
     EXPECT_EQ(handle->serial_size, expected_serial_size());
-
-    struct stat st {
-    };
-    ASSERT_EQ(lstat(path.c_str(), &st), 0);
-    EXPECT_EQ(handle->last_write_time, static_cast<int64_t>(st.st_mtime));
-
-    EXPECT_EQ(load_config_file(handle, (dir + "/missing").c_str()), -2);
-    EXPECT_EQ(load_config_file(nullptr, path.c_str()), -1);
-    EXPECT_EQ(load_config_file(handle, nullptr), -1);
+    EXPECT_EQ(load_config_file(handle, (dir.path + "/missing").c_str()), -2);
 }
 
 TEST_F(ConfigureTest, LoadChangesReadOnlyOptionsButReloadDoesNot)
@@ -181,11 +107,9 @@ TEST_F(ConfigureTest, LoadChangesReadOnlyOptionsButReloadDoesNot)
     write_file(path, "RO=loaded\nRW=loaded\n");
     ASSERT_EQ(load_config_file(h, path.c_str()), 0);
     EXPECT_EQ(value_of(h, 0), "loaded");
-    EXPECT_EQ(value_of(h, 1), "loaded");
 
-    // Unchanged file: nothing read.
+    // The same mtime as at the load: nothing read.
     write_file(path, "RO=reloaded\nRW=reloaded\n");
-    shift_mtime(path, 0);
     struct stat st {
     };
     ASSERT_EQ(lstat(path.c_str(), &st), 0);
@@ -202,9 +126,7 @@ TEST_F(ConfigureTest, LoadChangesReadOnlyOptionsButReloadDoesNot)
     // A vanished file has mtime 0: a change, then the open fails.
     ASSERT_EQ(unlink(path.c_str()), 0);
     EXPECT_EQ(reload_config_file(h, path.c_str()), -3);
-    EXPECT_EQ(h->last_write_time, 0);
     EXPECT_EQ(reload_config_file(h, path.c_str()), -2);
-    EXPECT_EQ(reload_config_file(nullptr, path.c_str()), -1);
     destroy_configure(h);
 }
 
@@ -214,7 +136,6 @@ TEST_F(ConfigureTest, UpdateRuleReplacesLongerAndReusesShorterBuffers)
     const char *before = opt.value;
     ASSERT_EQ(update_conf_value_for_key(handle, "MGR_INTERVAL_INFO_LOG", "30000", 5), 0);
     EXPECT_STREQ(opt.value, "30000");
-    EXPECT_EQ(opt.value_len, 5);
     EXPECT_NE(opt.value, before) << "a longer value needs a new buffer";
     EXPECT_EQ(handle->serial_size, expected_serial_size());
 
@@ -222,20 +143,13 @@ TEST_F(ConfigureTest, UpdateRuleReplacesLongerAndReusesShorterBuffers)
     ASSERT_EQ(update_conf_value_for_idx(handle, 0, "7", 1), 0);
     EXPECT_EQ(opt.value, longer) << "a shorter value reuses the buffer";
     EXPECT_EQ(std::string(opt.value, 6), std::string("7\0\0\0\0\0", 6)) << "old bytes cleared";
-    EXPECT_EQ(get_conf_value_int_for_idx(handle, 0), 7);
+    EXPECT_EQ(opt.value_len, 1);
     EXPECT_EQ(handle->serial_size, expected_serial_size());
 
-    // len bounds the value; equal values change nothing.
-    ASSERT_EQ(update_conf_value_for_key(handle, "MGR_LOG_LEVEL", "tracefoo", 5), 0);
+    ASSERT_EQ(update_conf_value_for_key(handle, "MGR_LOG_LEVEL", "tracefoo", 5), 0); // len bounds the value
     EXPECT_EQ(value_of(handle, 3), "trace");
-    const char *same = handle->options[3].value;
-    ASSERT_EQ(update_conf_value_for_key(handle, "MGR_LOG_LEVEL", "trace", 5), 0);
-    EXPECT_EQ(handle->options[3].value, same);
-
     EXPECT_EQ(update_conf_value_for_key(handle, "UNKNOWN", "x", 1), 0);
-    EXPECT_EQ(update_conf_value_for_key(nullptr, "MGR_LOG_LEVEL", "x", 1), -1);
     EXPECT_EQ(update_conf_value_for_idx(handle, 5, "x", 1), -3);
-    EXPECT_EQ(update_conf_value_for_idx(nullptr, 0, "x", 1), -1);
 
     conf_preset_t ro[1] = {{2, "RO", "fixed"}};
     configure_t *h = create_configure(ro, sizeof(ro));
@@ -248,24 +162,19 @@ TEST_F(ConfigureTest, UpdateRuleReplacesLongerAndReusesShorterBuffers)
 
 TEST_F(ConfigureTest, SaveWritesIndexOrderThroughTmpAndLoadsBack)
 {
+    ASSERT_EQ(update_conf_value_for_idx(handle, 3, "warn", 4), 0);
     ASSERT_EQ(save_config_file(handle, path.c_str()), 0);
     EXPECT_EQ(read_file(path), "MGR_INTERVAL_INFO_LOG=300\n"
                                "MGR_LOG_DIRECTORY=${MGR_QUIL_MANAGER_HOME}/log\n"
                                "MGR_LOG_FILENAME=quil-manager-agent.log\n"
-                               "MGR_LOG_LEVEL=info\n"
+                               "MGR_LOG_LEVEL=warn\n"
                                "MGR_INTERVAL_GARBAGE_COLLECT=86400\n");
     EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
-
-    ASSERT_EQ(update_conf_value_for_idx(handle, 3, "warn", 4), 0);
-    ASSERT_EQ(save_config_file(handle, path.c_str()), 0);
     configure_t *other = create_configure(g_manager_conf_preset, sizeof(g_manager_conf_preset));
-    ASSERT_NE(other, nullptr);
     ASSERT_EQ(load_config_file(other, path.c_str()), 0);
     EXPECT_EQ(value_of(other, 3), "warn");
     destroy_configure(other);
-
-    EXPECT_EQ(save_config_file(handle, (dir + "/no/such/dir/config").c_str()), -2);
-    EXPECT_EQ(save_config_file(nullptr, path.c_str()), -1);
+    EXPECT_EQ(save_config_file(handle, (dir.path + "/no/such/dir/config").c_str()), -2);
 }
 
 TEST_F(ConfigureTest, SerialisationCountsEightyBytesPerOption)
@@ -274,28 +183,22 @@ TEST_F(ConfigureTest, SerialisationCountsEightyBytesPerOption)
     char *out = nullptr;
     int size = get_conf_serialization(handle, &out);
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(size, handle->serial_size);
+    std::unique_ptr<char, decltype(&free)> owner(out, free);
     EXPECT_EQ(size, expected_serial_size());
     const auto *p = reinterpret_cast<const unsigned char *>(out);
     EXPECT_EQ((p[0] << 8) | p[1], 5);
-    size_t off = 2;
-    int written = 2;
+    int at = 2; // count, then per option a 64-byte name, a 32-bit big-endian length, the value
     for (int i = 0; i < 5; i++) {
-        EXPECT_EQ(std::string(reinterpret_cast<const char *>(p + off)), handle->options[i].name);
-        for (size_t k = strlen(handle->options[i].name); k < 64; k++)
-            ASSERT_EQ(p[off + k], 0) << "name padding of option " << i;
-        uint32_t len = be32(p + off + 64);
-        EXPECT_EQ(len, static_cast<uint32_t>(handle->options[i].value_len));
-        EXPECT_EQ(std::string(reinterpret_cast<const char *>(p + off + 68), len), handle->options[i].value);
-        off += 68 + len;
-        written += 68 + static_cast<int>(len);
+        const conf_option_t &opt = handle->options[i];
+        EXPECT_EQ(std::string(out + at, 64), opt.name + std::string(64 - strlen(opt.name), '\0'));
+        uint32_t len = (uint32_t{p[at + 64]} << 24) | (p[at + 65] << 16) | (p[at + 66] << 8) | p[at + 67];
+        EXPECT_EQ(len, static_cast<uint32_t>(opt.value_len));
+        EXPECT_EQ(std::string(out + at + 68, len), opt.value);
+        at += 68 + static_cast<int>(len);
     }
     // 12 bytes per option more are counted than written; the tail is zeroes.
-    EXPECT_EQ(size + 2 - written, 5 * 12);
-    for (int k = written; k < size + 2; k++)
-        ASSERT_EQ(p[k], 0);
-    free(out);
-    EXPECT_EQ(get_conf_serialization(nullptr, &out), -1);
+    EXPECT_EQ(size + 2 - at, 5 * 12);
+    EXPECT_EQ(std::string(out + at, size + 2 - at), std::string(size + 2 - at, '\0'));
 }
 
 // Readers by index and name run while another thread rewrites values in place; under TSan
@@ -304,10 +207,9 @@ TEST_F(ConfigureTest, ConcurrentReadersAndUpdater)
 {
     std::atomic<bool> stop{false};
     std::thread writer([&] {
-        for (int i = 0; i < 2000; i++) {
+        for (int i = 0; i < 2000; i++)
             update_conf_value_for_key(handle, "MGR_INTERVAL_INFO_LOG", i % 2 ? "111" : "22222",
                                       i % 2 ? 3 : 5);
-        }
         stop = true;
     });
     int bad = 0;
@@ -316,8 +218,7 @@ TEST_F(ConfigureTest, ConcurrentReadersAndUpdater)
         char buf[16];
         get_conf_value_string_for_key(handle, "MGR_INTERVAL_INFO_LOG", buf, sizeof(buf));
         std::string s(buf);
-        if ((v != 300 && v != 111 && v != 22222) || (s != "300" && s != "111" && s != "22222"))
-            bad++;
+        bad += (v != 300 && v != 111 && v != 22222) || (s != "300" && s != "111" && s != "22222");
     }
     writer.join();
     EXPECT_EQ(bad, 0);
