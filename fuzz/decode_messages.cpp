@@ -14,9 +14,8 @@
 namespace
 {
 
-// Bodies beyond the largest packet are not tried. Decoded records take at most about 24 times
-// their body, so 2 MiB holds any of them; re-encoding can grow a body (an int32 sent in 5 bytes
-// is written in 10), but never 4 times.
+// Bodies beyond the largest packet are not tried. A decoded record takes at most about 24
+// times its body; re-encoding can grow a body (an int32 in 5 bytes is written in 10), not 4 times.
 constexpr size_t k_max_body = 65536;
 constexpr size_t k_workspace_size = 2 << 20;
 
@@ -33,26 +32,21 @@ void round_trip(const uint8_t *data, size_t size)
     int sizes[2];
     for (int pass = 0; pass < 2; pass++) {
         T *record_p = New(workspaces[pass], k_workspace_size);
-        if (record_p == nullptr) {
+        if (record_p == nullptr)
             abort();
-        }
         int result = Decode(record_p, data, size);
-        if (result < 0 && pass == 0) {
+        if (result < 0 && pass == 0)
             return;
-        }
-        if (result < 0 || static_cast<size_t>(result) != size) {
+        if (result < 0 || static_cast<size_t>(result) != size)
             abort();
-        }
         sizes[pass] = Encode(record_p, encodings[pass], sizeof(encodings[pass]));
-        if (sizes[pass] < 0) {
+        if (sizes[pass] < 0)
             abort();
-        }
         data = encodings[pass];
         size = static_cast<size_t>(sizes[pass]);
     }
-    if (sizes[1] != sizes[0] || memcmp(encodings[0], encodings[1], size) != 0) {
+    if (sizes[1] != sizes[0] || memcmp(encodings[0], encodings[1], size) != 0)
         abort();
-    }
 }
 
 #define MESSAGE(name) round_trip<name##_t, name##_new, name##_encode, name##_decode>

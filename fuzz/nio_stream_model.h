@@ -7,7 +7,6 @@
 
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -34,40 +33,27 @@ void feed(int sock, const uint8_t *data, size_t size)
     shutdown(sock, SHUT_WR);
 }
 
-// Checks one reader result against the input from `at`. The static reader refuses a short or
-// over-capacity length with -4 and a cut body with -5; the dynamic one has no upper limit,
-// refuses a short length with -5 and a cut body with -6. Returns the bytes consumed when
-// reading may go on, or 0 when the stream ends here.
-size_t check_result(bool dynamic, int rc, const char *packet, const uint8_t *data, size_t size, size_t at)
+// The result the model expects for the input from p (left bytes): the length field for a good
+// packet, else the reader's refusal. The static reader refuses a short or over-capacity length
+// with -4 and a cut body with -5; the dynamic one has no upper limit and uses -5 and -6.
+// *consumed is what a complete packet takes from the stream, or 0 when the stream ends here.
+int expected_result(bool dynamic, const uint8_t *p, size_t left, size_t *consumed)
 {
-    const size_t left = size - at;
-    FUZZ_CHECK((rc == -1) == (left < VK_NIO_MAIN_HEADER_LEN));
-    if (rc == -1)
-        return 0;
-    const uint8_t *p = data + at;
-    FUZZ_CHECK((rc == -2) == !(p[0] == 0xF9 && p[1] == 0xF2 && p[2] == 0xF8));
-    if (rc == -2)
-        return 0;
-    FUZZ_CHECK((rc == -3) == !(p[3] == 0 || p[3] == 2));
-    if (rc == -3)
-        return 0;
+    *consumed = 0;
+    if (left < VK_NIO_MAIN_HEADER_LEN)
+        return -1;
+    if (p[0] != 0xF9 || p[1] != 0xF2 || p[2] != 0xF8)
+        return -2;
+    if (p[3] != 0 && p[3] != 2)
+        return -3;
     const auto length = static_cast<int32_t>((uint32_t{p[8]} << 24) | (uint32_t{p[9]} << 16) |
                                              (uint32_t{p[10]} << 8) | p[11]);
-    const int bad_length = dynamic ? -5 : -4;
-    FUZZ_CHECK((rc == bad_length) == (length < 11 || (!dynamic && length > VK_NIO_PACKET_CAPACITY)));
-    if (rc == bad_length)
-        return 0;
-    FUZZ_CHECK(rc != -4); // the dynamic reader's growth follows the input, which is at most 1 MiB
-    if (left - VK_NIO_MAIN_HEADER_LEN < static_cast<size_t>(length)) {
-        FUZZ_CHECK(rc == (dynamic ? -6 : -5));
-        return 0;
-    }
-    FUZZ_CHECK((rc == -6) == (p[4] > 4 || p[4] == 3));
-    FUZZ_CHECK(rc == -6 || rc == length);
-    const size_t consumed = VK_NIO_MAIN_HEADER_LEN + static_cast<size_t>(length);
-    if (rc > 0)
-        FUZZ_CHECK(std::memcmp(packet, p, consumed) == 0);
-    return consumed;
+    if (length < 11 || (!dynamic && length > VK_NIO_PACKET_CAPACITY))
+        return dynamic ? -5 : -4;
+    if (left - VK_NIO_MAIN_HEADER_LEN < static_cast<size_t>(length))
+        return dynamic ? -6 : -5;
+    *consumed = VK_NIO_MAIN_HEADER_LEN + static_cast<size_t>(length);
+    return p[4] > 4 || p[4] == 3 ? -6 : length; // a refused packet_type is still consumed
 }
 
 // `read(sock, &packet)` runs the reader once and points packet at what it filled.
@@ -80,8 +66,8 @@ template <typename Read> void run_stream(bool dynamic, const uint8_t *data, size
     for (size_t at = 0, consumed = 1; consumed != 0; at += consumed) {
         const char *packet = nullptr;
         const int rc = read(fds[0], &packet);
-        FUZZ_CHECK(rc >= -6 && rc != 0);
-        consumed = check_result(dynamic, rc, packet, data, size, at);
+        FUZZ_CHECK(rc == expected_result(dynamic, data + at, size - at, &consumed));
+        FUZZ_CHECK(rc <= 0 || std::memcmp(packet, data + at, consumed) == 0);
     }
     close(fds[0]); // unblocks the writer if the reader stopped early
     writer.join();

@@ -50,10 +50,7 @@ void same_target(const target_agent_info_t *record_p, const dg::target_agent_inf
 
 void same_list(const target_agent_info_message_t *record_p, const dg::target_agent_info_message &ref)
 {
-    ASSERT_EQ(record_p->target_agent_infos.length, ref.target_agent_infos_size());
-    for (int i = 0; i < ref.target_agent_infos_size(); i++) {
-        same_target(&record_p->target_agent_infos.items_p[i], ref.target_agent_infos(i));
-    }
+    same_items(record_p->target_agent_infos, ref.target_agent_infos(), same_target);
 }
 
 void same_chunk(const req_file_chunk_message_t *record_p, const dg::req_file_chunk_message &ref)
@@ -97,32 +94,12 @@ TEST(command, CommandRequestAgreesWithAndWithoutFileInfo)
     cross_check<dg::req_command_message>(req_codec, m, same_req);
 
     ASSERT_EQ(req_command_message_target_file_info_alloc(m), 0);
-    bytes_t encoded = agent_encode(req_codec, m);
-    EXPECT_EQ(bytes_t(encoded.end() - 2, encoded.end()), (bytes_t{0x62, 0x00})) << "empty sub-message";
     cross_check<dg::req_command_message>(req_codec, m, same_req);
     m->target_file_info->file_name = "patch_3.0.12.sh";
     m->target_file_info->file_size = 4096;
     m->target_file_info->file_data = bytes_of(patch);
     cross_check<dg::req_command_message>(req_codec, m, same_req);
     cross_check<dg::file_info>(file_codec, m->target_file_info, same_file);
-}
-
-TEST(command, CommandResultAgrees)
-{
-    workspace ws;
-    res_command_message_t *m = ws.fresh(res_codec);
-    ASSERT_NE(m, nullptr);
-    std::string output(9215, 'o');
-    m->manager_id = "0b6f4c2e-5d1a-4c7e-9f3b-2a8d6e1c0f99";
-    m->time = UINT64_MAX;
-    m->phase_type = 2;
-    m->execution_id = "exec-20250218-0001";
-    m->cmd_type = 1;
-    m->agent_id = "agent-0001";
-    m->agent_type = -1;
-    m->result = 2;
-    m->result_message = output.c_str();
-    cross_check<dg::res_command_message>(res_codec, m, same_res);
 }
 
 // Items that encode to nothing are still written (tag and empty length), in array order.
@@ -133,17 +110,30 @@ TEST(command, TargetAgentListKeepsEmptyItems)
     ASSERT_NE(m, nullptr);
     ASSERT_EQ(target_agent_info_message_target_agent_infos_alloc(m, 3), 0);
     m->target_agent_infos.items_p[1].agent_id = "b";
-    EXPECT_EQ(agent_encode(list_codec, m), (bytes_t{0x0A, 0x00, 0x0A, 0x03, 0x0A, 0x01, 'b', 0x0A, 0x00}));
     cross_check<dg::target_agent_info_message>(list_codec, m, same_list);
     cross_check<dg::target_agent_info>(target_codec, &m->target_agent_infos.items_p[1], same_target);
 }
 
-TEST(command, FileChunkAgrees)
+// Every field set, with uint64 maxima, a negative int32 and a 9,215-byte text and chunk.
+TEST(command, ResultAndFileChunkAgree)
 {
     workspace ws;
+    res_command_message_t *res_p = ws.fresh(res_codec);
+    ASSERT_NE(res_p, nullptr);
+    std::string output(9215, 'o'), chunk(9215, '\0');
+    res_p->manager_id = "0b6f4c2e-5d1a-4c7e-9f3b-2a8d6e1c0f99";
+    res_p->time = UINT64_MAX;
+    res_p->phase_type = 2;
+    res_p->execution_id = "exec-20250218-0001";
+    res_p->cmd_type = 1;
+    res_p->agent_id = "agent-0001";
+    res_p->agent_type = -1;
+    res_p->result = 2;
+    res_p->result_message = output.c_str();
+    cross_check<dg::res_command_message>(res_codec, res_p, same_res);
+
     req_file_chunk_message_t *m = ws.fresh(chunk_codec);
     ASSERT_NE(m, nullptr);
-    std::string chunk(9215, '\0');
     m->execution_id = "exec-20250218-0001";
     m->agent_id = "agent-0001";
     m->chunk_size = chunk.size();

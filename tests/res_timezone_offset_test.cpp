@@ -26,9 +26,7 @@ TEST(res_timezone_offset_message, OffsetsAgreeAndOffsetKindStaysOffTheWire)
         record_p->current_time = 1739869550123;
         record_p->offset = static_cast<uint64_t>(offset);
         cross_check<dg::res_timezone_offset_message>(codec, record_p, same);
-        bytes_t encoded = agent_encode(codec, record_p);
-        ASSERT_EQ(encoded.size(), 1 + 6 + 1 + (offset < 0 ? 10u : 4u));
-        EXPECT_EQ(encoded[0], 0x10) << "field 2 comes first: field 1 is never written";
+        EXPECT_EQ(agent_encode(codec, record_p)[0], 0x10) << "field 1 is never written";
         record_p->offset_kind = UINT32_MAX;
         cross_check<dg::res_timezone_offset_message>(codec, record_p, same);
     }
