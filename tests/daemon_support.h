@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -27,9 +26,8 @@ namespace daemon_support
 
 inline std::string read_file(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
@@ -41,25 +39,22 @@ inline void write_file(const std::string &path, const std::string &text)
 // Polls `done` every 20 ms; false when it still fails after `timeout` (far above what the
 // code under test needs, so only a real fault trips it on a loaded or sanitized run).
 inline bool eventually(const std::function<bool()> &done,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(20))
+                       std::chrono::seconds timeout = std::chrono::seconds(20))
 {
     auto end = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(20)))
         if (std::chrono::steady_clock::now() > end)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return true;
 }
 
 // A fresh /tmp/<prefix>.XXXXXX (path empty when mkdtemp failed), removed with its contents.
 struct temp_dir {
     std::string path;
-    explicit temp_dir(const char *prefix)
+    explicit temp_dir(const char *prefix) : path(std::string("/tmp/") + prefix + ".XXXXXX")
     {
-        std::string tmpl = std::string("/tmp/") + prefix + ".XXXXXX";
-        if (mkdtemp(tmpl.data()) != nullptr)
-            path = tmpl;
+        if (mkdtemp(path.data()) == nullptr)
+            path.clear();
     }
     ~temp_dir()
     {
@@ -74,20 +69,22 @@ struct temp_dir {
 inline pid_t spawn(std::vector<std::string> argv, std::vector<std::string> env = {},
                    const std::string &out = "", const std::string &err = "", const std::string &path = "")
 {
-    std::vector<char *> av, ev;
-    for (auto &a : argv)
-        av.push_back(a.data());
-    av.push_back(nullptr);
-    for (auto &e : env)
-        ev.push_back(e.data());
-    ev.push_back(nullptr);
+    auto pointers = [](std::vector<std::string> &list) {
+        std::vector<char *> p;
+        for (auto &s : list)
+            p.push_back(s.data());
+        p.push_back(nullptr);
+        return p;
+    };
+    std::vector<char *> av = pointers(argv), ev = pointers(env);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.empty() ? "/dev/null" : out.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.empty() ? "/dev/null" : err.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const std::string *files[] = {&out, &err};
+    for (int fd : {1, 2})
+        posix_spawn_file_actions_addopen(&actions, fd,
+                                         files[fd - 1]->empty() ? "/dev/null" : files[fd - 1]->c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_t pid = -1;
     int ret = posix_spawn(&pid, path.empty() ? av[0] : path.c_str(), &actions, nullptr, av.data(),
                           env.empty() ? environ : ev.data());
@@ -104,13 +101,9 @@ struct child_process {
     }
     ~child_process()
     {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
+        if (pid > 0 && kill(pid, SIGKILL) == 0)
             waitpid(pid, nullptr, 0);
-        }
     }
-    child_process(const child_process &) = delete;
-    child_process &operator=(const child_process &) = delete;
 };
 
 } // namespace daemon_support
