@@ -50,12 +50,6 @@ bool has_log_line(const std::string &text, pid_t pid, const std::string &label, 
                                               std::to_string(pid) + "\\]\\[" + label + "\\]" + message));
 }
 
-const std::string k_defaults = "MGR_INTERVAL_INFO_LOG=300\n"
-                               "MGR_LOG_DIRECTORY=${MGR_QUIL_MANAGER_HOME}/log\n"
-                               "MGR_LOG_FILENAME=quil-manager-agent.log\n"
-                               "MGR_LOG_LEVEL=info\n"
-                               "MGR_INTERVAL_GARBAGE_COLLECT=86400\n";
-
 // A private installation home <tmp>/manager/data and the agents started in it.
 class DaemonScenario : public ::testing::Test
 {
@@ -72,17 +66,12 @@ class DaemonScenario : public ::testing::Test
     }
     void TearDown() override
     {
-        strangers.push_back(recorded_pid()); // a detached daemon the test did not get to note
-        for (pid_t pid : children) {
-            if (waitpid(pid, nullptr, WNOHANG) == 0) {
-                kill(pid, SIGKILL);
+        for (pid_t pid : children)
+            if (waitpid(pid, nullptr, WNOHANG) == 0 && kill(pid, SIGKILL) == 0)
                 waitpid(pid, nullptr, 0);
-            }
-        }
-        for (pid_t pid : strangers) {
+        for (pid_t pid : {recorded_pid(), daemon}) // a detached daemon, noted or not
             if (pid > 0 && cmdline_of(pid).find("quil-manager-agent") != std::string::npos)
                 kill(pid, SIGKILL);
-        }
     }
 
     // Starts the agent with `args` and environment `e` (default: `env`); standard output and
@@ -121,8 +110,8 @@ class DaemonScenario : public ::testing::Test
     std::string config = manager + "/data/config";
     std::vector<std::string> env = {"PATH=/usr/bin:/bin", "MGR_QUIL_HOME=" + home,
                                     "MGR_QUIL_MANAGER_HOME=" + manager};
-    std::vector<pid_t> children;  // our own children, reaped or killed on the way out
-    std::vector<pid_t> strangers; // the detached daemon, killed if still running
+    std::vector<pid_t> children; // our own children, reaped or killed on the way out
+    pid_t daemon = 0;            // the detached daemon, killed if still running
 };
 
 // One home through a whole life: a first start beside a pid file naming a live program that
@@ -157,17 +146,17 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
         << text;
     EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n"), 2u);
     EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n"), 1u);
-    EXPECT_EQ(read_file(config), k_defaults);
+    EXPECT_EQ(read_file(config), "MGR_INTERVAL_INFO_LOG=300\nMGR_LOG_DIRECTORY=${MGR_QUIL_MANAGER_HOME}/log\n"
+                                 "MGR_LOG_FILENAME=quil-manager-agent.log\nMGR_LOG_LEVEL=info\n"
+                                 "MGR_INTERVAL_GARBAGE_COLLECT=86400\n");
     EXPECT_EQ(recorded_pid(), agent);
     // With -d the console debug lines go to standard output: the guard read the other
     // program's pid and let the start go on.
-    EXPECT_NE(out("first").find("open file. " + pid_path() + "(" + std::to_string(other.pid) + ")\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(out("first"), "open file. " + pid_path() + "(" + std::to_string(other.pid) + ")\n"));
 
     EXPECT_EQ(wait_exit(start("second")), 0);
-    EXPECT_NE(log().find("[KTR-OSM-00020080] Already exists. pid:" + std::to_string(agent) +
-                         ", ProcessName:quil-manager-agent\n"),
-              std::string::npos)
+    EXPECT_TRUE(contains(log(), "[KTR-OSM-00020080] Already exists. pid:" + std::to_string(agent) +
+                                    ", ProcessName:quil-manager-agent\n"))
         << log();
     EXPECT_EQ(recorded_pid(), agent);
 
@@ -192,41 +181,33 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     ASSERT_TRUE(log_has("[MAIN] initialize resources.\n", 2)) << log();
     EXPECT_EQ(count_of(log(), "[MAIN] HOME: " + manager + "\n"), 2u);
     EXPECT_EQ(recorded_pid(), again);
-    EXPECT_EQ(out("again").find("file already exists"), std::string::npos);
+    EXPECT_FALSE(contains(out("again"), "file already exists"));
     ASSERT_EQ(unlink(pid_path().c_str()), 0);
     // Seen at the next second divisible by 3; the exit follows some 6 s later.
     EXPECT_TRUE(log_has("[process_main] quil-manager-agent process stopped.\n"));
     EXPECT_EQ(wait_exit(again), 0);
     text = log();
-    EXPECT_NE(text.find("[process_main] finished.\n"), std::string::npos);
-    EXPECT_NE(text.find("[MAIN] quil-manager-agent terminated normally.\n"), std::string::npos);
-    EXPECT_NE(out("again").find("[exit_handler] terminated.\n"), std::string::npos);
+    EXPECT_TRUE(contains(text, "[process_main] finished.\n"));
+    EXPECT_TRUE(contains(text, "[MAIN] quil-manager-agent terminated normally.\n"));
+    EXPECT_TRUE(contains(out("again"), "[exit_handler] terminated.\n"));
 }
 
-// Faults act at once in the handler: their line, the breadcrumbs, and exit status 0 through
-// exit_handler. Each agent starts over the stale pid file of the one before.
-TEST_F(DaemonScenario, FaultSignalsLogDumpAndExitZero)
+// A fault acts at once in the handler: its line, the breadcrumbs, and exit status 0 through
+// exit_handler. The fault path frees the logging library in signal context on its way out; a
+// thread-sanitized agent would report that and end with its own status.
+TEST_F(DaemonScenario, FaultSignalLogsDumpAndExitsZero)
 {
-    // The fault path frees the logging library in signal context on its way out; a
-    // thread-sanitized agent would report that and end with its own status.
     const char *tsan = getenv("TSAN_OPTIONS");
-    std::vector<std::string> e = env_with("TSAN_OPTIONS=", std::string("TSAN_OPTIONS=") + (tsan ? tsan : "") +
-                                                               ":report_signal_unsafe=0");
-    const std::pair<int, std::string> faults[] = {
-        {SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}, {SIGBUS, "SIGBUS"}};
-    size_t started = 0;
-    for (const auto &[signo, name] : faults) {
-        pid_t agent = start(name, {}, e);
-        ASSERT_TRUE(log_has("[MAIN] initialize resources.\n", ++started)) << log();
-        ASSERT_EQ(kill(agent, signo), 0);
-        EXPECT_EQ(wait_exit(agent), 0) << name;
-        std::string text = log();
-        EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[KTR-OSM-00040050\] )" + name + R"( sig caught\.)"))
-            << text;
-        EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[vk_debug_logging\] main_thr \[)")) << text;
-        EXPECT_EQ(count_of(text, "[vk_debug_logging] "), started);
-        EXPECT_NE(out(name).find("[exit_handler] terminated.\n"), std::string::npos) << name;
-    }
+    pid_t agent = start("segv", {},
+                        env_with("TSAN_OPTIONS=", std::string("TSAN_OPTIONS=") + (tsan ? tsan : "") +
+                                                      ":report_signal_unsafe=0"));
+    ASSERT_TRUE(log_has("[MAIN] initialize resources.\n")) << log();
+    ASSERT_EQ(kill(agent, SIGSEGV), 0);
+    EXPECT_EQ(wait_exit(agent), 0);
+    std::string text = log();
+    EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[KTR-OSM-00040050\] SIGSEGV sig caught\.)")) << text;
+    EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[vk_debug_logging\] main_thr \[)")) << text;
+    EXPECT_TRUE(out("segv").ends_with("[exit_handler] terminated.\n"));
 }
 
 TEST_F(DaemonScenario, DetachedDaemonKeepsRunningUnderItsOwnPid)
@@ -235,10 +216,9 @@ TEST_F(DaemonScenario, DetachedDaemonKeepsRunningUnderItsOwnPid)
     EXPECT_EQ(wait_exit(starter), 0); // at once: the daemon is no child of ours
     EXPECT_EQ(out("d").substr(0, 13), "daemonize on\n");
     ASSERT_TRUE(log_has("[MAIN] initialize resources.\n")) << log();
-    pid_t daemon = recorded_pid();
-    strangers.push_back(daemon);
+    daemon = recorded_pid();
     EXPECT_NE(daemon, starter);
-    EXPECT_NE(cmdline_of(daemon).find("quil-manager-agent -D"), std::string::npos);
+    EXPECT_TRUE(contains(cmdline_of(daemon), "quil-manager-agent -D"));
     std::this_thread::sleep_for(500ms);
     EXPECT_NE(cmdline_of(daemon), "") << "the daemon keeps running";
     ASSERT_EQ(kill(daemon, SIGTERM), 0);

@@ -31,6 +31,11 @@ inline std::string read_file(const std::string &path)
     return ss.str();
 }
 
+inline bool contains(const std::string &text, const std::string &what)
+{
+    return text.find(what) != std::string::npos;
+}
+
 inline void write_file(const std::string &path, const std::string &text)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

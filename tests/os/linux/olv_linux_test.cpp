@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include <cstring>
-#include <memory>
 #include <tuple>
 
 namespace
@@ -29,38 +28,23 @@ mode_t current_umask()
     return m;
 }
 
-TEST(OlvLinux, EnvironmentReadersAndThePresetTable)
+// Quotes around a value are dropped on the way into the table; getenv_vk's bound is shown by
+// the scenario tests' 256-character home.
+TEST(OlvLinux, EnvironmentGoesToThePresetTable)
 {
-    char buf[8]; // a value must leave room for its terminator
-    setenv("OLV_TEST_VAR", "1234567", 1);
-    EXPECT_EQ(getenv_vk(buf, sizeof(buf), "OLV_TEST_VAR"), 7);
-    setenv("OLV_TEST_VAR", "12345678", 1);
-    EXPECT_EQ(getenv_vk(buf, sizeof(buf), "OLV_TEST_VAR"), -3);
-    unsetenv("OLV_TEST_VAR");
-
-    // Quotes around a value are dropped on the way into the table.
     ASSERT_EQ(init_properties_preset(), 0);
     setenv("MGR_QUIL_HOME", "/opt/x", 1);
     setenv("MGR_RECEIVER_ADDR", "\"10.0.0.1:7000\"", 1);
-    char home[256];
+    char home[256], addr[64];
     testing::internal::CaptureStdout();
     EXPECT_EQ(init_environment(home, sizeof(home)), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "env MGR_QUIL_HOME(6)[/opt/x]\nenv MGR_RECEIVER_ADDR(256)[\"10.0.0.1:7000\"]\n");
     EXPECT_STREQ(home, "/opt/x");
-    char addr[64];
     EXPECT_EQ(get_properties_preset("MGR_RECEIVER_ADDR", addr, sizeof(addr)), 13);
     EXPECT_STREQ(addr, "10.0.0.1:7000");
-
-    // A too long variable is reported and leaves the table alone.
-    setenv("OLV_TEST_LONG", std::string(256, 'a').c_str(), 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(set_config_by_env("OLV_TEST_LONG", "OLV_TEST_LONG", 13), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[KTR-OSM-00010010][ERROR] Failed to get environment variable OLV_TEST_LONG.[ret:-3]\n");
-    EXPECT_EQ(get_properties_preset("OLV_TEST_LONG", addr, sizeof(addr)), 0);
-    for (const char *name : {"OLV_TEST_LONG", "MGR_QUIL_HOME", "MGR_RECEIVER_ADDR"})
-        unsetenv(name);
+    unsetenv("MGR_QUIL_HOME");
+    unsetenv("MGR_RECEIVER_ADDR");
     ASSERT_EQ(init_properties_preset(), 0);
 }
 
@@ -96,51 +80,41 @@ TEST(OlvLinux, UmaskRulesComeFromThePresetTable)
     umask(saved);
 }
 
-TEST(OlvLinux, ProcCommandLineOfLiveAndGoneProcesses)
+// sleep's own argv[0] carries the long command lines, with the name at their start, so only
+// the length check can refuse them: "sleep-xx..x\0" "30\0" is `length` bytes in /proc.
+TEST(OlvLinux, ProcCommandLinesOfLiveProcesses)
 {
-    auto child = std::make_unique<child_process>(std::vector<std::string>{"/bin/sleep", "30"});
-    const pid_t pid = child->pid;
-    ASSERT_GT(pid, 0);
-    char buf[4096] = {};
-    ASSERT_TRUE(eventually([&] { // the child may still be in exec
-        memset(buf, 0, sizeof(buf));
-        return _get_proc_cmdline(pid, buf, sizeof(buf)) == 14;
-    }));
-    EXPECT_EQ(std::string(buf, 14), std::string("/bin/sleep 30\0", 14));
-
-    char out[256], small[6];
-    ASSERT_EQ(get_process_cmd_by_pid(pid, out, sizeof(out)), 0);
-    EXPECT_STREQ(out, "/bin/sleep 30");
-    ASSERT_EQ(get_process_cmd_by_pid(pid, small, sizeof(small)), 0);
-    EXPECT_STREQ(small, "/bin/");
-    EXPECT_EQ(process_check(pid, "sleep"), 1);
-    EXPECT_EQ(process_check(pid, "quil-manager-agent"), 0);
-    EXPECT_EQ(process_check(pid, ""), 0);
-    EXPECT_EQ(process_check(0, "sleep"), 0);
-
-    child.reset(); // killed and reaped
-    EXPECT_EQ(_get_proc_cmdline(pid, buf, sizeof(buf)), -2);
-    EXPECT_EQ(get_process_cmd_by_pid(pid, out, sizeof(out)), -1);
-    EXPECT_EQ(process_check(pid, "sleep"), 0);
+    const std::tuple<std::string, int, int, int> cases[] = {// argv[0], length, reader's result, check
+                                                            {"/bin/sleep", 14, 0, 1},
+                                                            {"sleep-" + std::string(4084, 'x'), 4094, 0, 1},
+                                                            {"sleep-" + std::string(4085, 'x'), 4095, -2, 0}};
+    for (const auto &[arg0, length, ret, found] : cases) {
+        child_process child({arg0, "30"}, "/bin/sleep");
+        char buf[4096], out[256];
+        ASSERT_TRUE(eventually([&] { // the child may still be in exec
+            return _get_proc_cmdline(child.pid, buf, sizeof(buf)) == length &&
+                   strncmp(buf, arg0.c_str(), 7) == 0;
+        })) << length;
+        EXPECT_EQ(get_process_cmd_by_pid(child.pid, out, sizeof(out)), ret) << length;
+        EXPECT_EQ(process_check(child.pid, "sleep"), found) << length;
+    }
 }
 
-TEST(OlvLinux, CommandLinesOf4095BytesAreRefused)
+// A live process is the scenario tests' part, as is a gone one's stale pid file.
+TEST(OlvLinux, ProcCommandLineCutAndGone)
 {
-    // sleep's own argv[0] carries the long command line, with the name at its start, so only
-    // the length check can refuse it: "sleep-xx..x\0" "30\0" is `length` bytes in /proc.
-    for (int length : {4094, 4095}) {
-        child_process child({"sleep-" + std::string(length - 10, 'x'), "30"}, "/bin/sleep");
-        ASSERT_GT(child.pid, 0);
-        char buf[4096];
-        ASSERT_TRUE(eventually([&] {
-            return _get_proc_cmdline(child.pid, buf, sizeof(buf)) == length &&
-                   strncmp(buf, "sleep-x", 7) == 0;
-        }));
-        char out[256];
-        bool refused = length >= 4095;
-        EXPECT_EQ(get_process_cmd_by_pid(child.pid, out, sizeof(out)), refused ? -2 : 0) << length;
-        EXPECT_EQ(process_check(child.pid, "sleep"), refused ? 0 : 1) << length;
-    }
+    pid_t gone = -1;
+    {
+        child_process child({"/bin/sleep", "30"});
+        gone = child.pid;
+        char small[6];
+        ASSERT_TRUE(eventually([&] { return process_check(gone, "sleep") == 1; }));
+        ASSERT_EQ(get_process_cmd_by_pid(gone, small, sizeof(small)), 0);
+        EXPECT_STREQ(small, "/bin/");
+    } // killed and reaped
+    char buf[64];
+    EXPECT_EQ(_get_proc_cmdline(gone, buf, sizeof(buf)), -2);
+    EXPECT_EQ(get_process_cmd_by_pid(gone, buf, sizeof(buf)), -1);
 }
 
 } // namespace
