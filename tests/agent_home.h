@@ -1,0 +1,60 @@
+// Shared fixture of the unit tests that need the agent's start-up state without starting
+// the agent: a private installation home <tmp>/manager/{data,tmp,log}, g_vk_manager_home set
+// to it, the option table bootstrapped and the log written at TRACE into
+// <manager>/log/quil-manager-agent.log, so tests can read what a unit logged.
+#pragma once
+
+#include "daemon_support.h"
+#include "global_var.h"
+#include "pub_conf.h"
+#include "vklog.h"
+
+#include <sys/stat.h>
+
+namespace agent_home
+{
+
+using namespace daemon_support;
+
+class AgentHomeTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(dir.path.empty());
+        ASSERT_EQ(init_global_var(dir.path.c_str()), 0);
+        for (const char *sub : {"", "/data", "/tmp", "/log"})
+            ASSERT_EQ(mkdir((manager + sub).c_str(), 0700), 0) << sub;
+        write_file(manager + "/data/config", "MGR_LOG_LEVEL=trace\n");
+        setenv("MGR_QUIL_MANAGER_HOME", manager.c_str(), 1);
+        testing::internal::CaptureStdout();
+        int ret = initialize_configure_manager_agent(0);
+        testing::internal::GetCapturedStdout();
+        ASSERT_EQ(ret, 0);
+        ASSERT_NE(g_vklog.load(), nullptr);
+    }
+    void TearDown() override
+    {
+        vklog_fini();
+        destroy_configure(g_conf_handle);
+        g_conf_handle = nullptr;
+        unsetenv("MGR_QUIL_MANAGER_HOME");
+    }
+
+    std::string log_text() { return read_file(manager + "/log/quil-manager-agent.log"); }
+    // Number of log lines that contain `what`.
+    size_t log_count(const std::string &what)
+    {
+        std::string text = log_text();
+        size_t n = 0;
+        for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + what.size()))
+            n++;
+        return n;
+    }
+
+    temp_dir dir{"agent_home_test"};
+    std::string home = dir.path;
+    std::string manager = dir.path + "/manager";
+};
+
+} // namespace agent_home
