@@ -1,0 +1,418 @@
+// command_util: the checks and runs under the command handlers. The script runner
+// (run_script) runs stop.sh, the patch program and start.sh of a queued command for the
+// command thread (execute_command); the chunk check sits beside it for the connection thread.
+#include "command_util.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "global_var.h"
+#include "signal_ctl.h"
+#include "thr_command.h"
+#include "util.h"
+#include "vk_string.h"
+#include "vk_time.h"
+#include "vklog.h"
+
+extern char **environ;
+
+// ---- script runner ------------------------------------------------------------------------
+//
+// One run, on the command thread:
+//
+//   command line -> pipe2(O_CLOEXEC) -> status RUN -> fork
+//     child : own process group, stdin /dev/null, stdout+stderr = pipe, nothing else open,
+//             default signal dispositions, empty mask, execve /bin/sh sh -c <command line>
+//     parent: read the pipe (waits of at most 2 s) until EOF, time-out or stop request
+//             time-out / stop : SIGTERM to the group, 2 s grace, SIGKILL to the group
+//             EOF             : keyword verdict; the shell gets until the time-out to exit
+//             then always     : reap the shell
+//
+// The time-out is measured on the monotonic clock, so a wall-clock step neither ends a
+// script early nor keeps it beyond its time; received_time still records the wall-clock start.
+
+namespace
+{
+
+constexpr int COMMAND_LINE_SIZE = 1024; // at most 1023 characters
+constexpr int READ_CHUNK = 1023;        // bytes taken from the pipe per read
+constexpr int SELECT_WAIT_MS = 2000;    // longest wait for output; bounds how late a stop is seen
+constexpr int EXIT_POLL_MS = 50;        // poll period while waiting for the shell to exit
+constexpr long CLOSE_FD_CAP = 65536;    // highest descriptor closed one by one without close_range
+
+int64_t mono_msec()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+template <size_t N> int field_len(const char (&field)[N])
+{
+    return static_cast<int>(strnlen(field, N - 1));
+}
+
+const char *error_text(int err, char *buf, size_t size)
+{
+    return strerror_r(err, buf, size); // GNU form: returns the text, which need not be in buf
+}
+
+int32_t status_of(const cmd_info_t *record)
+{
+    return __atomic_load_n(&record->status, __ATOMIC_ACQUIRE);
+}
+
+// Appends text after what result_message holds, never beyond its 9215 characters.
+void append_result(cmd_info_t *record, const char *text)
+{
+    size_t len = strnlen(record->result_message, CMD_RESULT_MESSAGE_SIZE - 1);
+    vk_strlcpy(record->result_message + len, text, CMD_RESULT_MESSAGE_SIZE - len);
+}
+
+// Builds the command line of run_type: stop.sh and start.sh under the run-user prefix,
+// the patch program with its install-information file under the install-user prefix; the
+// prefixes only when the prefix conversion gave 1. Returns 0; -1 unknown run type; -2 the
+// line does not fit in 1023 characters (a cut line would run a different path).
+int build_command_line(const cmd_info_t *r, int run_type, char (&out)[COMMAND_LINE_SIZE])
+{
+    const bool prefixed = g_custom_prefix_flag == 1;
+    const char *home = g_vk_manager_home;
+    int n;
+    switch (run_type) {
+    case RUN_TYPE_STOP:
+    case RUN_TYPE_START: {
+        const char *script = run_type == RUN_TYPE_STOP ? "stop.sh" : "start.sh";
+        n = prefixed ? snprintf(out, sizeof out, "%.*s %.*s/%s", field_len(g_custom_prefix), g_custom_prefix,
+                                field_len(r->run_path), r->run_path, script)
+                     : snprintf(out, sizeof out, "%.*s/%s", field_len(r->run_path), r->run_path, script);
+        break;
+    }
+    case RUN_TYPE_SETUP:
+        n = snprintf(out, sizeof out, "%.*s%s%.*s/tmp/%.*s %.*s/tmp/%d_install_info",
+                     prefixed ? field_len(g_custom_patch_prefix) : 0, g_custom_patch_prefix, prefixed ? " " : "",
+                     field_len(g_vk_manager_home), home, field_len(r->file_name), r->file_name,
+                     field_len(g_vk_manager_home), home, r->agent_type);
+        break;
+    default:
+        out[0] = '\0';
+        return -1;
+    }
+    return n < 0 || n >= COMMAND_LINE_SIZE ? -2 : 0;
+}
+
+// What the child needs, all prepared before the fork: after it only async-signal-safe
+// calls are allowed, since other threads may hold locks (malloc, logging) at that moment.
+struct child_plan_t {
+    int write_fd;
+    unsigned close_limit;
+    char *argv[4];
+};
+
+// Closes every descriptor from 3 on, so no socket, log file or pipe of the agent reaches
+// the script.
+void close_from_3(unsigned limit)
+{
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0)
+        return;
+#endif
+    for (unsigned fd = 3; fd < limit; ++fd)
+        close(static_cast<int>(fd));
+}
+
+[[noreturn]] void exec_child(const child_plan_t &plan)
+{
+    // Own process group, so a stop or time-out ends the script and everything it started.
+    setpgid(0, 0);
+    int out = fcntl(plan.write_fd, F_DUPFD, 3); // above 2, so the dup2 below really copies
+    if (out < 0)
+        _exit(127);
+    int null_fd = open("/dev/null", O_RDONLY);
+    if (null_fd < 0)
+        close(0);
+    else if (null_fd != 0)
+        dup2(null_fd, 0);
+    if (dup2(out, 1) < 0 || dup2(out, 2) < 0)
+        _exit(127);
+    close_from_3(plan.close_limit);
+    // The agent ignores SIGPIPE, SIGALRM (and as a daemon SIGCHLD and the terminal stops);
+    // ignored dispositions survive exec, so every signal goes back to its default before
+    // the mask the parent set for the fork is lifted.
+    struct sigaction dfl{};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        struct sigaction cur{};
+        if (sig != SIGKILL && sig != SIGSTOP && sigaction(sig, nullptr, &cur) == 0 && cur.sa_handler != SIG_DFL)
+            sigaction(sig, &dfl, nullptr);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execve("/bin/sh", plan.argv, environ);
+    _exit(127);
+}
+
+// Forks the shell for command. Returns its pid, or -1 with errno set when fork failed.
+pid_t start_child(char *command, int write_fd)
+{
+    static char arg0[] = "sh", arg1[] = "-c";
+    rlimit nofile{};
+    long limit = getrlimit(RLIMIT_NOFILE, &nofile) == 0 && nofile.rlim_cur != RLIM_INFINITY
+                     ? static_cast<long>(std::min<rlim_t>(nofile.rlim_cur, CLOSE_FD_CAP))
+                     : CLOSE_FD_CAP;
+    child_plan_t plan{write_fd, static_cast<unsigned>(limit), {arg0, arg1, command, nullptr}};
+    // All signals blocked across the fork: no handler of the agent may run in the child
+    // before its dispositions are reset.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+    pid_t pid = fork();
+    if (pid == 0)
+        exec_child(plan);
+    int err = errno;
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    if (pid > 0)
+        setpgid(pid, pid); // also here, so the group exists before any kill; EACCES after exec is fine
+    errno = err;
+    return pid;
+}
+
+// Polls, without reaping, until the shell has exited or the monotonic deadline passes.
+// True when it has exited (or is no child of ours any more). The zombie keeps its pid,
+// so the group id cannot be taken by another process before the group is killed.
+bool wait_exit_until(pid_t pid, int64_t deadline)
+{
+    for (;;) {
+        siginfo_t info{};
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+        int ret = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+        if ((ret == 0 && info.si_pid == pid) || (ret < 0 && errno != EINTR))
+            return true;
+        if (mono_msec() >= deadline)
+            return false;
+        vk_sleep(EXIT_POLL_MS);
+    }
+}
+
+// Ends the script's whole process group: SIGTERM, up to 2000 ms for the shell to go, then
+// SIGKILL to whatever of the group is left (ESRCH when nothing is).
+void end_process_group(pid_t pid)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+    kill(-pid, SIGTERM);
+    kill(pid, SIGTERM); // reaches the shell even if it never got its own group
+    if (!wait_exit_until(pid, mono_msec() + RUN_SCRIPT_KILL_GRACE_MS)) {
+        VKLOG_INFO(g_vklog.load(), "[run_script] SIGTERM failed, send SIGKILL\n");
+        kill(pid, SIGKILL);
+    }
+    kill(-pid, SIGKILL);
+}
+
+// Copies one read of output at len (NUL bytes become blanks, so the text reaching the
+// server is not cut short), up to 8191 characters of result_message in all. Past the cap
+// the output is dropped: a chatty script cannot grow the record.
+void append_output(cmd_info_t *record, size_t &len, const char *data, size_t n)
+{
+    if (len >= static_cast<size_t>(RUN_SCRIPT_OUTPUT_MAX))
+        return;
+    size_t take = std::min(n, static_cast<size_t>(RUN_SCRIPT_OUTPUT_MAX) - len);
+    for (size_t i = 0; i < take; ++i)
+        record->result_message[len + i] = data[i] == '\0' ? ' ' : data[i];
+    len += take;
+    record->result_message[len] = '\0';
+}
+
+// Reads the script's output until it ends, the time-out passes or a stop is requested.
+// Returns 0 output ended (EOF or a failed read), -97 the wait failed, -98 stop, -99 time-out.
+int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t &len)
+{
+    char buf[READ_CHUNK + 1] = {};
+    char err[128];
+    for (;;) {
+        int64_t elapsed = mono_msec() - start;
+        if (elapsed > record->timeout) {
+            int32_t st = status_of(record);
+            VKLOG_INFO(g_vklog.load(),
+                       "[run_script] timeout case. pid[%d] status[%d][%s] timeout[%d] start_time[%llu] "
+                       "cur_time[%llu] execution_id [%s]\n",
+                       pid, st, cmd_status_name(st), record->timeout,
+                       static_cast<unsigned long long>(record->received_time),
+                       static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
+            return -99;
+        }
+        // A patch_stop marks the ring slot STOP under g_command_lock while this thread runs
+        // a private copy of it: the stop is seen through command_stop_requested only.
+        if (command_stop_requested(record)) {
+            VKLOG_INFO(g_vklog.load(),
+                       "[run_script] command stop case. pid[%d] status[%d][%s] start_time[%llu] cur_time[%llu] "
+                       "execution_id [%s]\n",
+                       pid, CMD_STATUS_STOP, cmd_status_name(CMD_STATUS_STOP),
+                       static_cast<unsigned long long>(record->received_time),
+                       static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
+            return -98;
+        }
+        // At most 2 s, and no longer than the time-out leaves.
+        int wait_ms = static_cast<int>(std::min<int64_t>(SELECT_WAIT_MS, record->timeout - elapsed + 1));
+        pollfd pfd{fd, POLLIN, 0};
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+        int ready = poll(&pfd, 1, wait_ms);
+        if (ready < 0 && errno == EINTR) // a handled signal (SIGHUP) is no failure of the script
+            continue;
+        if (ready < 0) {
+            VKLOG_ERROR(g_vklog.load(), "[run_script] select failed. Error[%s]\n", error_text(errno, err, sizeof err));
+            append_result(record, "[agent manager] select failed");
+            return -97;
+        }
+        if (ready == 0)
+            continue;
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+        ssize_t n = read(fd, buf, READ_CHUNK);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n == 0) {
+            VKLOG_INFO(g_vklog.load(), "[run_script] read end.\n");
+            return 0;
+        }
+        if (n < 0) {
+            VKLOG_ERROR(g_vklog.load(), "[run_script] read failed. Error[%s]\n", error_text(errno, err, sizeof err));
+            return 0;
+        }
+        append_output(record, len, buf, static_cast<size_t>(n));
+    }
+}
+
+// Judges the output of this run (result_message[from, to)) by its keywords; the bytes are
+// searched as bytes. "vkError" wins over "vkSuccess". Returns 0 (result 1) or -97 (result 2).
+int judge_output(cmd_info_t *record, size_t from, size_t to)
+{
+    const char *out = record->result_message + from;
+    size_t n = to > from ? to - from : 0;
+    if (memmem(out, n, "vkError", 7) != nullptr) {
+        record->result = CMD_RESULT_FAIL;
+        return -97;
+    }
+    if (memmem(out, n, "vkSuccess", 9) == nullptr) {
+        record->result = CMD_RESULT_FAIL;
+        append_result(record, "[agent manager] Keyword(vkSuccess, vkError) does not exist");
+        return -97;
+    }
+    record->result = CMD_RESULT_SUCCESS;
+    return 0;
+}
+
+void reap_child(pid_t pid)
+{
+    char err[128];
+    int status = 0;
+    pid_t ret;
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+    do
+        ret = waitpid(pid, &status, 0);
+    while (ret < 0 && errno == EINTR);
+    if (ret < 0)
+        VKLOG_ERROR(g_vklog.load(), "[run_script] waitpid failed. error[%s]\n", error_text(errno, err, sizeof err));
+    else
+        VKLOG_INFO(g_vklog.load(), "[run_script] child process pid[%d] terminated successfully\n", pid);
+}
+
+// Refuses a run for which no command line can be built. Returns -97 (result 2).
+int refuse_command_line(cmd_info_t *record, int run_type, int reason, const char *command)
+{
+    record->result = CMD_RESULT_FAIL;
+    if (reason == -1) {
+        VKLOG_ERROR(g_vklog.load(), "[run_script] unknown run_type[%d]\n", run_type);
+        return -97;
+    }
+    VKLOG_ERROR(g_vklog.load(), "[run_script] command line too long. run_type[%d][%s] command[%s]\n", run_type,
+                run_type_name(run_type), command);
+    append_result(record, "[agent manager] command line too long");
+    return -97;
+}
+
+} // namespace
+
+int run_script(cmd_info_t *record, int run_type)
+{
+    if (record == nullptr)
+        return -97;
+    // The shell must stay a waitable child even where the daemon ignores SIGCHLD.
+    struct sigaction dfl{};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGCHLD, &dfl, nullptr);
+    // From here received_time is the start of this run; the time-out counts from it alone.
+    record->received_time = static_cast<uint64_t>(vk_get_time_msec());
+    const int64_t start = mono_msec();
+    record->result_message[CMD_RESULT_MESSAGE_SIZE - 1] = '\0';
+    const size_t start_len = strlen(record->result_message);
+    size_t len = start_len;
+
+    char command[COMMAND_LINE_SIZE];
+    int built = build_command_line(record, run_type, command);
+    if (built != 0)
+        return refuse_command_line(record, run_type, built, command);
+    VKLOG_DEBUG(g_vklog.load(), "[run_script] run_type[%d][%s] command[%s]\n", run_type, run_type_name(run_type),
+                command);
+
+    char err[128];
+    int fds[2];
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[run_script] pipe failed. Error[%s]\n", error_text(errno, err, sizeof err));
+        record->result = CMD_RESULT_FAIL;
+        append_result(record, "[agent manager] pipe failed");
+        return -1;
+    }
+    vk_unique_fd read_end(fds[0]);
+    vk_unique_fd write_end(fds[1]);
+
+    // The record is the command thread's working copy; RUN marks it as started.
+    __atomic_store_n(&record->status, CMD_STATUS_RUN, __ATOMIC_RELEASE);
+    pid_t pid = start_child(command, write_end.fd);
+    if (pid < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[run_script] fork failed. Error[%s]\n", error_text(errno, err, sizeof err));
+        record->result = CMD_RESULT_FAIL;
+        append_result(record, "[agent manager] fork failed");
+        return -2;
+    }
+    close(write_end.fd); // only the child may hold the write end, or EOF never comes
+    write_end.fd = -1;
+    int32_t st = status_of(record);
+    VKLOG_INFO(g_vklog.load(), "[run_script] start command[%s] pid[%d] status[%d][%s] execution_id [%s]\n", command,
+               pid, st, cmd_status_name(st), record->execution_id);
+
+    int rc = collect_output(record, read_end.fd, pid, start, len);
+    if (rc == -99 || rc == -98) {
+        end_process_group(pid);
+        record->result = rc == -99 ? CMD_RESULT_TIMEOUT : CMD_RESULT_SUCCESS;
+        append_result(record, rc == -99 ? "[agent manager] command timeout" : "[agent manager] command stop success");
+    } else {
+        if (rc == 0)
+            rc = judge_output(record, start_len, len);
+        // The output may end while the shell goes on (exec >/dev/null; sleep ...): it gets
+        // until the time-out, then its group is ended; the verdict stands. The command
+        // thread never waits for a script without bound.
+        if (!wait_exit_until(pid, start + record->timeout)) {
+            VKLOG_INFO(g_vklog.load(),
+                       "[run_script] output ended but the shell still runs at the time-out. pid[%d] timeout[%d] "
+                       "execution_id [%s]\n",
+                       pid, record->timeout, record->execution_id);
+            end_process_group(pid);
+        }
+    }
+    close(read_end.fd);
+    read_end.fd = -1;
+    reap_child(pid);
+    return rc;
+}
