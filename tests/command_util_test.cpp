@@ -1,0 +1,306 @@
+// Tests of the script runner run_script: command lines by run type and prefix, the keyword
+// verdict, the output cap, time-out and stop (the whole process group ends), and what a
+// script inherits from the agent. Scripts are small shell files in a private home.
+#include "command_util.h"
+
+#include "agent_home.h"
+#include "thr_command.h"
+#include "vk_string.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+
+namespace
+{
+
+using namespace agent_home;
+
+const std::string KEYWORDS_MISSING = "[agent manager] Keyword(vkSuccess, vkError) does not exist";
+
+// True while pid is a process that has not ended (a zombie waiting for its reaper has).
+bool alive(pid_t pid)
+{
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
+
+class RunScriptTest : public AgentHomeTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentHomeTest::SetUp();
+        ASSERT_EQ(mkdir(run_path.c_str(), 0700), 0);
+        saved_flag = g_custom_prefix_flag;
+        memcpy(saved_prefix, g_custom_prefix, sizeof saved_prefix);
+        memcpy(saved_patch_prefix, g_custom_patch_prefix, sizeof saved_patch_prefix);
+        set_prefix(0, "", "");
+    }
+    void TearDown() override
+    {
+        g_custom_prefix_flag = saved_flag;
+        memcpy(g_custom_prefix, saved_prefix, sizeof saved_prefix);
+        memcpy(g_custom_patch_prefix, saved_patch_prefix, sizeof saved_patch_prefix);
+        AgentHomeTest::TearDown();
+    }
+    static void set_prefix(int flag, const char *prefix, const char *patch_prefix)
+    {
+        g_custom_prefix_flag = flag;
+        vk_strlcpy(g_custom_prefix, prefix);
+        vk_strlcpy(g_custom_patch_prefix, patch_prefix);
+    }
+    std::string script_path(int run_type)
+    {
+        return run_type == RUN_TYPE_SETUP ? manager + "/tmp/patch.sh"
+                                          : run_path + (run_type == RUN_TYPE_START ? "/start.sh" : "/stop.sh");
+    }
+    // A fresh record for `body` as the script of run_type, result_message starting with `before`.
+    void prepare(int run_type, const std::string &body, int timeout_ms, const std::string &before = "")
+    {
+        std::string path = script_path(run_type);
+        write_file(path, "#!/bin/sh\n" + body + "\n");
+        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+        memset(&rec, 0, sizeof rec);
+        rec.status = CMD_STATUS_USED;
+        rec.timeout = timeout_ms;
+        rec.agent_type = 7;
+        vk_strlcpy(rec.run_path, run_path);
+        vk_strlcpy(rec.file_name, "patch.sh");
+        vk_strlcpy(rec.execution_id, "exec-1");
+        vk_strlcpy(rec.result_message, before);
+    }
+    int run(int run_type, const std::string &body, int timeout_ms, const std::string &before = "")
+    {
+        prepare(run_type, body, timeout_ms, before);
+        return run_script(&rec, run_type);
+    }
+
+    std::string run_path = home + "/run";
+    cmd_info_t rec{};
+    int saved_flag = 0;
+    char saved_prefix[CUSTOM_PREFIX_SIZE], saved_patch_prefix[CUSTOM_PREFIX_SIZE];
+};
+
+TEST_F(RunScriptTest, KeywordsOfThisRunDecide)
+{
+    struct {
+        const char *before, *body;
+        int rc, result;
+        std::string message;
+    } const cases[] = {
+        {"", "echo hello; echo vkSuccess", 0, CMD_RESULT_SUCCESS, "hello\nvkSuccess\n"},
+        {"", "echo vkSuccess; echo vkError", -97, CMD_RESULT_FAIL, "vkSuccess\nvkError\n"},
+        {"", "echo nothing", -97, CMD_RESULT_FAIL, "nothing\n" + KEYWORDS_MISSING},
+        // a keyword from an earlier run of the same command does not count
+        {"stop: vkSuccess|", "echo nothing", -97, CMD_RESULT_FAIL, "stop: vkSuccess|nothing\n" + KEYWORDS_MISSING},
+        // NUL bytes become blanks, the search goes past them, the exit status is not looked at
+        {"", "printf 'a\\000b vkSuccess'; exit 3", 0, CMD_RESULT_SUCCESS, "a b vkSuccess"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.body);
+        EXPECT_EQ(run(RUN_TYPE_STOP, c.body, 10000, c.before), c.rc);
+        EXPECT_EQ(rec.result, c.result);
+        EXPECT_EQ(rec.result_message, c.message);
+        EXPECT_EQ(rec.status, CMD_STATUS_RUN);
+    }
+}
+
+TEST_F(RunScriptTest, OutputIsCutAt8191CharactersAndStillJudged)
+{
+    const std::string a9000 = "printf '%9000s' '' | tr ' ' a";
+    struct {
+        size_t before;
+        std::string body, output; // what the script prints
+        int rc;
+    } const cases[] = {
+        {0, "echo vkSuccess; " + a9000, "vkSuccess\n" + std::string(9000, 'a'), 0},
+        {100, a9000 + "; echo vkSuccess", std::string(9000, 'a') + "vkSuccess\n", -97}, // beyond the cap
+        {0, "echo vkSuccess; head -c 1000000 /dev/zero", "vkSuccess\n" + std::string(1000000, ' '), 0},
+        {8500, "echo vkSuccess", "vkSuccess\n", -97}, // already past the cap: nothing is copied
+        {9215, "echo vkSuccess", "vkSuccess\n", -97}, // full: not even the verdict fits
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.body + " after " + std::to_string(c.before));
+        std::string before(c.before, 'x');
+        std::string expected = (before + c.output).substr(0, std::max<size_t>(c.before, RUN_SCRIPT_OUTPUT_MAX));
+        expected = (expected + (c.rc == 0 ? "" : KEYWORDS_MISSING)).substr(0, CMD_RESULT_MESSAGE_SIZE - 1);
+        EXPECT_EQ(run(RUN_TYPE_START, c.body, 20000, before), c.rc);
+        EXPECT_EQ(rec.result_message, expected);
+    }
+}
+
+TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
+{
+    const std::string pid_file = run_path + "/pids";
+    struct {
+        const char *prefix, *body;
+        int timeout, rc, result;
+        std::string message, log;
+        int min_ms;
+    } const cases[] = {
+        {"", "echo started; sleep 30", 300, -99, CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout",
+         "[run_script] timeout case. pid[", 300},
+        // a child of the script holds the pipe: the run lasts to the time-out, and the child ends with it
+        {"", "sleep 30 & echo $! >> PIDS; echo vkSuccess", 300, -99, CMD_RESULT_TIMEOUT,
+         "vkSuccess\n[agent manager] command timeout", "[run_script] timeout case. pid[", 300},
+        // the shell itself ignores SIGTERM: SIGKILL after the grace
+        {"trap '' TERM;", "echo $$ >> PIDS; echo started; while :; do sleep 1; done", 300, -99,
+         CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout", "[run_script] SIGTERM failed, send SIGKILL",
+         300 + RUN_SCRIPT_KILL_GRACE_MS},
+        // the output ends but the shell lingers: ended at the time-out, the verdict stands
+        {"echo vkSuccess; exec >/dev/null 2>&1;", "echo $$ >> PIDS; sleep 30", 600, 0, CMD_RESULT_SUCCESS,
+         "vkSuccess\n", "[run_script] output ended but the shell still runs", 600},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.prefix) + c.body);
+        unlink(pid_file.c_str());
+        std::string body = c.body;
+        if (size_t at = body.find("PIDS"); at != std::string::npos)
+            body.replace(at, 4, pid_file);
+        set_prefix(*c.prefix ? 1 : 0, c.prefix, "");
+        size_t logged = log_count(c.log);
+        auto t0 = std::chrono::steady_clock::now();
+        EXPECT_EQ(run(RUN_TYPE_STOP, body, c.timeout), c.rc);
+        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+        EXPECT_EQ(rec.result, c.result);
+        EXPECT_EQ(rec.result_message, c.message);
+        EXPECT_GE(ms.count(), c.min_ms);
+        EXPECT_EQ(log_count(c.log), logged + 1);
+        std::istringstream pids(read_file(pid_file));
+        for (pid_t pid; pids >> pid;)
+            EXPECT_TRUE(eventually([&] { return !alive(pid); }, std::chrono::seconds(5))) << pid;
+    }
+    // the first case did not need the SIGKILL
+    EXPECT_EQ(log_count("[run_script] SIGTERM failed, send SIGKILL"), 1u);
+}
+
+TEST_F(RunScriptTest, StopRequestEndsTheScript)
+{
+    const std::string started = run_path + "/started";
+    const int slot = 7;
+    for (bool through_ring : {false, true}) {
+        SCOPED_TRACE(through_ring ? "ring slot marked STOP" : "record marked STOP");
+        unlink(started.c_str());
+        prepare(RUN_TYPE_STOP, "echo started; touch " + started + "; sleep 30", 60000);
+        if (through_ring) {
+            std::lock_guard<vklock_t> guard(g_command_lock);
+            g_cmd_info[slot] = rec;
+            g_cmd_info[slot].status = CMD_STATUS_RUN;
+            g_cmd_running_idx = slot;
+        }
+        ASSERT_EQ(g_cmd_running_idx.load(), through_ring ? slot : -1);
+        std::thread stopper([&] {
+            EXPECT_TRUE(eventually([&] { return access(started.c_str(), F_OK) == 0; }));
+            if (through_ring) {
+                std::lock_guard<vklock_t> guard(g_command_lock);
+                g_cmd_info[slot].status = CMD_STATUS_STOP;
+            } else {
+                __atomic_store_n(&rec.status, CMD_STATUS_STOP, __ATOMIC_RELEASE);
+            }
+        });
+        int rc = run_script(&rec, RUN_TYPE_STOP);
+        stopper.join();
+        g_cmd_running_idx = -1;
+        memset(&g_cmd_info[slot], 0, sizeof g_cmd_info[slot]);
+        EXPECT_EQ(rc, -98);
+        EXPECT_EQ(rec.result, CMD_RESULT_SUCCESS);
+        EXPECT_EQ(rec.result_message, std::string("started\n[agent manager] command stop success"));
+    }
+    EXPECT_EQ(log_count("[run_script] command stop case. pid["), 2u);
+}
+
+TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)
+{
+    int leaked = open((manager + "/data/config").c_str(), O_RDONLY); // deliberately without O_CLOEXEC
+    ASSERT_GE(leaked, 3);
+    struct sigaction ign{}, old_pipe{}, old_chld{};
+    ign.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ign, &old_pipe);
+    sigaction(SIGCHLD, &ign, &old_chld); // as in daemon mode
+    sigset_t usr2, old_mask;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &usr2, &old_mask);
+    int rc = run(RUN_TYPE_STOP, "ls -l /proc/$$/fd; grep -E '^Sig(Ign|Blk)' /proc/$$/status; echo vkSuccess", 10000);
+    pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
+    sigaction(SIGPIPE, &old_pipe, nullptr);
+    sigaction(SIGCHLD, &old_chld, nullptr);
+    close(leaked);
+
+    EXPECT_EQ(rc, 0);
+    std::string out = rec.result_message;
+    EXPECT_TRUE(contains(out, "SigBlk:\t0000000000000000\n")) << out;
+    EXPECT_TRUE(contains(out, "SigIgn:\t0000000000000000\n")) << out;
+    // 0 is /dev/null, 1 and 2 the pipe; anything else is the shell reading its own script
+    std::istringstream lines(out);
+    int listed = 0;
+    for (std::string line; std::getline(lines, line);) {
+        size_t arrow = line.find(" -> ");
+        if (arrow == std::string::npos)
+            continue;
+        int fd = std::stoi(line.substr(line.rfind(' ', arrow - 1) + 1));
+        std::string target = line.substr(arrow + 4);
+        const char *expected = fd == 0 ? "/dev/null" : fd <= 2 ? "pipe:[" : nullptr;
+        if (expected != nullptr)
+            EXPECT_EQ(target.rfind(expected, 0), 0u) << line;
+        else
+            EXPECT_EQ(target, script_path(RUN_TYPE_STOP)) << line;
+        listed++;
+    }
+    EXPECT_GE(listed, 3);
+    EXPECT_EQ(log_count("[run_script] waitpid failed."), 0u); // SIGCHLD was set back to default
+    EXPECT_EQ(log_count("[run_script] child process pid["), 1u);
+}
+
+TEST_F(RunScriptTest, CommandLineByRunTypeAndPrefix)
+{
+    const std::string tmp = manager + "/tmp", info = tmp + "/7_install_info";
+    const char *body = "echo \"args=$* run=${QUIL_PREFIX_SEEN:-0} patch=${QUIL_PATCH_PREFIX_SEEN:-0}\"; "
+                       "echo vkSuccess";
+    struct {
+        int run_type, flag;
+        std::string line, output;
+    } const cases[] = {
+        {RUN_TYPE_STOP, 0, run_path + "/stop.sh", "args= run=0 patch=0"},
+        {RUN_TYPE_STOP, 1, "env QUIL_PREFIX_SEEN=1 " + run_path + "/stop.sh", "args= run=1 patch=0"},
+        {RUN_TYPE_START, 1, "env QUIL_PREFIX_SEEN=1 " + run_path + "/start.sh", "args= run=1 patch=0"},
+        {RUN_TYPE_START, -3, run_path + "/start.sh", "args= run=0 patch=0"}, // only 1 means a prefix
+        {RUN_TYPE_SETUP, 0, tmp + "/patch.sh " + info, "args=" + info + " run=0 patch=0"},
+        {RUN_TYPE_SETUP, 1, "env QUIL_PATCH_PREFIX_SEEN=1 " + tmp + "/patch.sh " + info,
+         "args=" + info + " run=0 patch=1"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.line);
+        set_prefix(c.flag, "env QUIL_PREFIX_SEEN=1", "env QUIL_PATCH_PREFIX_SEEN=1");
+        EXPECT_EQ(run(c.run_type, body, 10000), 0);
+        EXPECT_EQ(rec.result_message, c.output + "\nvkSuccess\n");
+        EXPECT_EQ(log_count("[run_script] run_type[" + std::to_string(c.run_type) + "][" +
+                            run_type_name(c.run_type) + "] command[" + c.line + "]\n"),
+                  1u);
+    }
+}
+
+TEST_F(RunScriptTest, NoCommandLineRunsNothing)
+{
+    char saved_home[VK_PATH_SIZE];
+    memcpy(saved_home, g_vk_manager_home, sizeof saved_home);
+    vk_strlcpy(g_vk_manager_home, "/" + std::string(VK_PATH_SIZE - 2, 'h')); // 255 characters
+    set_prefix(1, "", std::string(CUSTOM_PREFIX_SIZE - 1, 'p').c_str());
+    prepare(RUN_TYPE_SETUP, "echo vkSuccess", 10000, "before|");
+    int too_long = run_script(&rec, RUN_TYPE_SETUP);
+    memcpy(g_vk_manager_home, saved_home, sizeof saved_home);
+    EXPECT_EQ(too_long, -97);
+    EXPECT_EQ(rec.result, CMD_RESULT_FAIL);
+    EXPECT_EQ(rec.result_message, std::string("before|[agent manager] command line too long"));
+
+    prepare(RUN_TYPE_STOP, "echo vkSuccess", 10000, "before|");
+    EXPECT_EQ(run_script(&rec, 3), -97);
+    EXPECT_EQ(rec.result, CMD_RESULT_FAIL);
+    EXPECT_EQ(rec.result_message, std::string("before|"));
+    EXPECT_EQ(rec.status, CMD_STATUS_USED); // nothing was started
+    EXPECT_EQ(log_count("[run_script] start command["), 0u);
+}
+
+} // namespace
