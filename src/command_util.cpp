@@ -1,6 +1,7 @@
 // command_util: the checks and runs under the command handlers. The script runner
 // (run_script) runs stop.sh, the patch program and start.sh of a queued command for the
-// command thread (execute_command); the chunk check sits beside it for the connection thread.
+// command thread (execute_command); the patch chunk check of the connection thread
+// (check_chunk_validity) belongs to this unit too, in a section of its own.
 #include "command_util.h"
 
 #include <algorithm>
@@ -98,9 +99,9 @@ int build_command_line(const cmd_info_t *r, int run_type, char (&out)[COMMAND_LI
     }
     case RUN_TYPE_SETUP:
         n = snprintf(out, sizeof out, "%.*s%s%.*s/tmp/%.*s %.*s/tmp/%d_install_info",
-                     prefixed ? field_len(g_custom_patch_prefix) : 0, g_custom_patch_prefix, prefixed ? " " : "",
-                     field_len(g_vk_manager_home), home, field_len(r->file_name), r->file_name,
-                     field_len(g_vk_manager_home), home, r->agent_type);
+                     prefixed ? field_len(g_custom_patch_prefix) : 0, g_custom_patch_prefix,
+                     prefixed ? " " : "", field_len(g_vk_manager_home), home, field_len(r->file_name),
+                     r->file_name, field_len(g_vk_manager_home), home, r->agent_type);
         break;
     default:
         out[0] = '\0';
@@ -147,12 +148,13 @@ void close_from_3(unsigned limit)
     // The agent ignores SIGPIPE, SIGALRM (and as a daemon SIGCHLD and the terminal stops);
     // ignored dispositions survive exec, so every signal goes back to its default before
     // the mask the parent set for the fork is lifted.
-    struct sigaction dfl{};
+    struct sigaction dfl = {};
     dfl.sa_handler = SIG_DFL;
     sigemptyset(&dfl.sa_mask);
     for (int sig = 1; sig < NSIG; ++sig) {
-        struct sigaction cur{};
-        if (sig != SIGKILL && sig != SIGSTOP && sigaction(sig, nullptr, &cur) == 0 && cur.sa_handler != SIG_DFL)
+        struct sigaction cur = {};
+        if (sig != SIGKILL && sig != SIGSTOP && sigaction(sig, nullptr, &cur) == 0 &&
+            cur.sa_handler != SIG_DFL)
             sigaction(sig, &dfl, nullptr);
     }
     sigset_t none;
@@ -233,6 +235,35 @@ void append_output(cmd_info_t *record, size_t &len, const char *data, size_t n)
     record->result_message[len] = '\0';
 }
 
+// The checks at the top of each pass: -99 when more than the time-out has passed since the
+// start, -98 when a stop was requested, else 0.
+int timeout_or_stop(cmd_info_t *record, pid_t pid, int64_t elapsed)
+{
+    if (elapsed > record->timeout) {
+        int32_t st = status_of(record);
+        VKLOG_INFO(
+            g_vklog.load(),
+            "[run_script] timeout case. pid[%d] status[%d][%s] timeout[%d] start_time[%llu] cur_time[%llu] "
+            "execution_id [%s]\n",
+            pid, st, cmd_status_name(st), record->timeout,
+            static_cast<unsigned long long>(record->received_time),
+            static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
+        return -99;
+    }
+    // A patch_stop marks the ring slot STOP under g_command_lock while this thread runs a
+    // private copy of it: the stop is seen through command_stop_requested only.
+    if (command_stop_requested(record)) {
+        VKLOG_INFO(g_vklog.load(),
+                   "[run_script] command stop case. pid[%d] status[%d][%s] start_time[%llu] cur_time[%llu] "
+                   "execution_id [%s]\n",
+                   pid, CMD_STATUS_STOP, cmd_status_name(CMD_STATUS_STOP),
+                   static_cast<unsigned long long>(record->received_time),
+                   static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
+        return -98;
+    }
+    return 0;
+}
+
 // Reads the script's output until it ends, the time-out passes or a stop is requested.
 // Returns 0 output ended (EOF or a failed read), -97 the wait failed, -98 stop, -99 time-out.
 int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t &len)
@@ -241,28 +272,10 @@ int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t 
     char err[128];
     for (;;) {
         int64_t elapsed = mono_msec() - start;
-        if (elapsed > record->timeout) {
-            int32_t st = status_of(record);
-            VKLOG_INFO(g_vklog.load(),
-                       "[run_script] timeout case. pid[%d] status[%d][%s] timeout[%d] start_time[%llu] "
-                       "cur_time[%llu] execution_id [%s]\n",
-                       pid, st, cmd_status_name(st), record->timeout,
-                       static_cast<unsigned long long>(record->received_time),
-                       static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
-            return -99;
-        }
-        // A patch_stop marks the ring slot STOP under g_command_lock while this thread runs
-        // a private copy of it: the stop is seen through command_stop_requested only.
-        if (command_stop_requested(record)) {
-            VKLOG_INFO(g_vklog.load(),
-                       "[run_script] command stop case. pid[%d] status[%d][%s] start_time[%llu] cur_time[%llu] "
-                       "execution_id [%s]\n",
-                       pid, CMD_STATUS_STOP, cmd_status_name(CMD_STATUS_STOP),
-                       static_cast<unsigned long long>(record->received_time),
-                       static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
-            return -98;
-        }
-        // At most 2 s, and no longer than the time-out leaves.
+        if (int rc = timeout_or_stop(record, pid, elapsed); rc != 0)
+            return rc;
+        // At most 2 s, and no longer than the time-out leaves. poll waits as select would,
+        // without select's limit on the descriptor number.
         int wait_ms = static_cast<int>(std::min<int64_t>(SELECT_WAIT_MS, record->timeout - elapsed + 1));
         pollfd pfd{fd, POLLIN, 0};
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
@@ -270,7 +283,8 @@ int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t 
         if (ready < 0 && errno == EINTR) // a handled signal (SIGHUP) is no failure of the script
             continue;
         if (ready < 0) {
-            VKLOG_ERROR(g_vklog.load(), "[run_script] select failed. Error[%s]\n", error_text(errno, err, sizeof err));
+            VKLOG_ERROR(g_vklog.load(), "[run_script] select failed. Error[%s]\n",
+                        error_text(errno, err, sizeof err));
             append_result(record, "[agent manager] select failed");
             return -97;
         }
@@ -285,7 +299,8 @@ int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t 
             return 0;
         }
         if (n < 0) {
-            VKLOG_ERROR(g_vklog.load(), "[run_script] read failed. Error[%s]\n", error_text(errno, err, sizeof err));
+            VKLOG_ERROR(g_vklog.load(), "[run_script] read failed. Error[%s]\n",
+                        error_text(errno, err, sizeof err));
             return 0;
         }
         append_output(record, len, buf, static_cast<size_t>(n));
@@ -311,6 +326,33 @@ int judge_output(cmd_info_t *record, size_t from, size_t to)
     return 0;
 }
 
+// After the output loop. A stop or time-out ends the script's group and sets result and
+// text; when the output ended the keyword verdict is taken and the shell gets until the
+// time-out to exit. Returns the final code of the run.
+int settle_run(cmd_info_t *record, int rc, pid_t pid, int64_t start, size_t start_len, size_t len)
+{
+    if (rc == -99 || rc == -98) {
+        end_process_group(pid);
+        record->result = rc == -99 ? CMD_RESULT_TIMEOUT : CMD_RESULT_SUCCESS;
+        append_result(record,
+                      rc == -99 ? "[agent manager] command timeout" : "[agent manager] command stop success");
+        return rc;
+    }
+    if (rc == 0)
+        rc = judge_output(record, start_len, len);
+    // The output may end while the shell goes on (exec >/dev/null; sleep ...): it gets until
+    // the time-out, then its group is ended and the verdict stands. The command thread never
+    // waits for a script without bound.
+    if (!wait_exit_until(pid, start + record->timeout)) {
+        VKLOG_INFO(g_vklog.load(),
+                   "[run_script] output ended but the shell still runs at the time-out. pid[%d] timeout[%d] "
+                   "execution_id [%s]\n",
+                   pid, record->timeout, record->execution_id);
+        end_process_group(pid);
+    }
+    return rc;
+}
+
 void reap_child(pid_t pid)
 {
     char err[128];
@@ -321,7 +363,8 @@ void reap_child(pid_t pid)
         ret = waitpid(pid, &status, 0);
     while (ret < 0 && errno == EINTR);
     if (ret < 0)
-        VKLOG_ERROR(g_vklog.load(), "[run_script] waitpid failed. error[%s]\n", error_text(errno, err, sizeof err));
+        VKLOG_ERROR(g_vklog.load(), "[run_script] waitpid failed. error[%s]\n",
+                    error_text(errno, err, sizeof err));
     else
         VKLOG_INFO(g_vklog.load(), "[run_script] child process pid[%d] terminated successfully\n", pid);
 }
@@ -334,8 +377,8 @@ int refuse_command_line(cmd_info_t *record, int run_type, int reason, const char
         VKLOG_ERROR(g_vklog.load(), "[run_script] unknown run_type[%d]\n", run_type);
         return -97;
     }
-    VKLOG_ERROR(g_vklog.load(), "[run_script] command line too long. run_type[%d][%s] command[%s]\n", run_type,
-                run_type_name(run_type), command);
+    VKLOG_ERROR(g_vklog.load(), "[run_script] command line too long. run_type[%d][%s] command[%s]\n",
+                run_type, run_type_name(run_type), command);
     append_result(record, "[agent manager] command line too long");
     return -97;
 }
@@ -347,7 +390,7 @@ int run_script(cmd_info_t *record, int run_type)
     if (record == nullptr)
         return -97;
     // The shell must stay a waitable child even where the daemon ignores SIGCHLD.
-    struct sigaction dfl{};
+    struct sigaction dfl = {};
     dfl.sa_handler = SIG_DFL;
     sigemptyset(&dfl.sa_mask);
     sigaction(SIGCHLD, &dfl, nullptr);
@@ -362,14 +405,15 @@ int run_script(cmd_info_t *record, int run_type)
     int built = build_command_line(record, run_type, command);
     if (built != 0)
         return refuse_command_line(record, run_type, built, command);
-    VKLOG_DEBUG(g_vklog.load(), "[run_script] run_type[%d][%s] command[%s]\n", run_type, run_type_name(run_type),
-                command);
+    VKLOG_DEBUG(g_vklog.load(), "[run_script] run_type[%d][%s] command[%s]\n", run_type,
+                run_type_name(run_type), command);
 
     char err[128];
     int fds[2];
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
     if (pipe2(fds, O_CLOEXEC) != 0) {
-        VKLOG_ERROR(g_vklog.load(), "[run_script] pipe failed. Error[%s]\n", error_text(errno, err, sizeof err));
+        VKLOG_ERROR(g_vklog.load(), "[run_script] pipe failed. Error[%s]\n",
+                    error_text(errno, err, sizeof err));
         record->result = CMD_RESULT_FAIL;
         append_result(record, "[agent manager] pipe failed");
         return -1;
@@ -381,7 +425,8 @@ int run_script(cmd_info_t *record, int run_type)
     __atomic_store_n(&record->status, CMD_STATUS_RUN, __ATOMIC_RELEASE);
     pid_t pid = start_child(command, write_end.fd);
     if (pid < 0) {
-        VKLOG_ERROR(g_vklog.load(), "[run_script] fork failed. Error[%s]\n", error_text(errno, err, sizeof err));
+        VKLOG_ERROR(g_vklog.load(), "[run_script] fork failed. Error[%s]\n",
+                    error_text(errno, err, sizeof err));
         record->result = CMD_RESULT_FAIL;
         append_result(record, "[agent manager] fork failed");
         return -2;
@@ -389,28 +434,11 @@ int run_script(cmd_info_t *record, int run_type)
     close(write_end.fd); // only the child may hold the write end, or EOF never comes
     write_end.fd = -1;
     int32_t st = status_of(record);
-    VKLOG_INFO(g_vklog.load(), "[run_script] start command[%s] pid[%d] status[%d][%s] execution_id [%s]\n", command,
-               pid, st, cmd_status_name(st), record->execution_id);
+    VKLOG_INFO(g_vklog.load(), "[run_script] start command[%s] pid[%d] status[%d][%s] execution_id [%s]\n",
+               command, pid, st, cmd_status_name(st), record->execution_id);
 
     int rc = collect_output(record, read_end.fd, pid, start, len);
-    if (rc == -99 || rc == -98) {
-        end_process_group(pid);
-        record->result = rc == -99 ? CMD_RESULT_TIMEOUT : CMD_RESULT_SUCCESS;
-        append_result(record, rc == -99 ? "[agent manager] command timeout" : "[agent manager] command stop success");
-    } else {
-        if (rc == 0)
-            rc = judge_output(record, start_len, len);
-        // The output may end while the shell goes on (exec >/dev/null; sleep ...): it gets
-        // until the time-out, then its group is ended; the verdict stands. The command
-        // thread never waits for a script without bound.
-        if (!wait_exit_until(pid, start + record->timeout)) {
-            VKLOG_INFO(g_vklog.load(),
-                       "[run_script] output ended but the shell still runs at the time-out. pid[%d] timeout[%d] "
-                       "execution_id [%s]\n",
-                       pid, record->timeout, record->execution_id);
-            end_process_group(pid);
-        }
-    }
+    rc = settle_run(record, rc, pid, start, start_len, len);
     close(read_end.fd);
     read_end.fd = -1;
     reap_child(pid);

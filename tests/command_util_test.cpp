@@ -53,8 +53,9 @@ class RunScriptTest : public AgentHomeTest
     }
     std::string script_path(int run_type)
     {
-        return run_type == RUN_TYPE_SETUP ? manager + "/tmp/patch.sh"
-                                          : run_path + (run_type == RUN_TYPE_START ? "/start.sh" : "/stop.sh");
+        return run_type == RUN_TYPE_SETUP
+                   ? manager + "/tmp/patch.sh"
+                   : run_path + (run_type == RUN_TYPE_START ? "/start.sh" : "/stop.sh");
     }
     // A fresh record for `body` as the script of run_type, result_message starting with `before`.
     void prepare(int run_type, const std::string &body, int timeout_ms, const std::string &before = "")
@@ -94,7 +95,8 @@ TEST_F(RunScriptTest, KeywordsOfThisRunDecide)
         {"", "echo vkSuccess; echo vkError", -97, CMD_RESULT_FAIL, "vkSuccess\nvkError\n"},
         {"", "echo nothing", -97, CMD_RESULT_FAIL, "nothing\n" + KEYWORDS_MISSING},
         // a keyword from an earlier run of the same command does not count
-        {"stop: vkSuccess|", "echo nothing", -97, CMD_RESULT_FAIL, "stop: vkSuccess|nothing\n" + KEYWORDS_MISSING},
+        {"stop: vkSuccess|", "echo nothing", -97, CMD_RESULT_FAIL,
+         "stop: vkSuccess|nothing\n" + KEYWORDS_MISSING},
         // NUL bytes become blanks, the search goes past them, the exit status is not looked at
         {"", "printf 'a\\000b vkSuccess'; exit 3", 0, CMD_RESULT_SUCCESS, "a b vkSuccess"},
     };
@@ -124,7 +126,8 @@ TEST_F(RunScriptTest, OutputIsCutAt8191CharactersAndStillJudged)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.body + " after " + std::to_string(c.before));
         std::string before(c.before, 'x');
-        std::string expected = (before + c.output).substr(0, std::max<size_t>(c.before, RUN_SCRIPT_OUTPUT_MAX));
+        std::string expected =
+            (before + c.output).substr(0, std::max<size_t>(c.before, RUN_SCRIPT_OUTPUT_MAX));
         expected = (expected + (c.rc == 0 ? "" : KEYWORDS_MISSING)).substr(0, CMD_RESULT_MESSAGE_SIZE - 1);
         EXPECT_EQ(run(RUN_TYPE_START, c.body, 20000, before), c.rc);
         EXPECT_EQ(rec.result_message, expected);
@@ -140,15 +143,15 @@ TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
         std::string message, log;
         int min_ms;
     } const cases[] = {
-        {"", "echo started; sleep 30", 300, -99, CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout",
-         "[run_script] timeout case. pid[", 300},
+        {"", "echo started; sleep 30", 300, -99, CMD_RESULT_TIMEOUT,
+         "started\n[agent manager] command timeout", "[run_script] timeout case. pid[", 300},
         // a child of the script holds the pipe: the run lasts to the time-out, and the child ends with it
         {"", "sleep 30 & echo $! >> PIDS; echo vkSuccess", 300, -99, CMD_RESULT_TIMEOUT,
          "vkSuccess\n[agent manager] command timeout", "[run_script] timeout case. pid[", 300},
         // the shell itself ignores SIGTERM: SIGKILL after the grace
         {"trap '' TERM;", "echo $$ >> PIDS; echo started; while :; do sleep 1; done", 300, -99,
-         CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout", "[run_script] SIGTERM failed, send SIGKILL",
-         300 + RUN_SCRIPT_KILL_GRACE_MS},
+         CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout",
+         "[run_script] SIGTERM failed, send SIGKILL", 300 + RUN_SCRIPT_KILL_GRACE_MS},
         // the output ends but the shell lingers: ended at the time-out, the verdict stands
         {"echo vkSuccess; exec >/dev/null 2>&1;", "echo $$ >> PIDS; sleep 30", 600, 0, CMD_RESULT_SUCCESS,
          "vkSuccess\n", "[run_script] output ended but the shell still runs", 600},
@@ -163,7 +166,8 @@ TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
         size_t logged = log_count(c.log);
         auto t0 = std::chrono::steady_clock::now();
         EXPECT_EQ(run(RUN_TYPE_STOP, body, c.timeout), c.rc);
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+        auto ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
         EXPECT_EQ(rec.result, c.result);
         EXPECT_EQ(rec.result_message, c.message);
         EXPECT_GE(ms.count(), c.min_ms);
@@ -215,7 +219,7 @@ TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)
 {
     int leaked = open((manager + "/data/config").c_str(), O_RDONLY); // deliberately without O_CLOEXEC
     ASSERT_GE(leaked, 3);
-    struct sigaction ign{}, old_pipe{}, old_chld{};
+    struct sigaction ign = {}, old_pipe = {}, old_chld = {};
     ign.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ign, &old_pipe);
     sigaction(SIGCHLD, &ign, &old_chld); // as in daemon mode
@@ -223,7 +227,8 @@ TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)
     sigemptyset(&usr2);
     sigaddset(&usr2, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &usr2, &old_mask);
-    int rc = run(RUN_TYPE_STOP, "ls -l /proc/$$/fd; grep -E '^Sig(Ign|Blk)' /proc/$$/status; echo vkSuccess", 10000);
+    int rc = run(RUN_TYPE_STOP, "ls -l /proc/$$/fd; grep -E '^Sig(Ign|Blk)' /proc/$$/status; echo vkSuccess",
+                 10000);
     pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
     sigaction(SIGPIPE, &old_pipe, nullptr);
     sigaction(SIGCHLD, &old_chld, nullptr);
