@@ -7,6 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <unistd.h>
 
 // Owns one descriptor and closes it on every path.
@@ -21,6 +24,18 @@ struct vk_unique_fd {
             close(fd);
     }
 };
+
+// Owns one FILE* and closes it on every path.
+struct vk_file_closer {
+    void operator()(FILE *f) const { fclose(f); }
+};
+using vk_unique_file = std::unique_ptr<FILE, vk_file_closer>;
+
+// Owns one malloc'd block and frees it on every path (release() hands it to a caller).
+struct vk_free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+template <typename T> using vk_unique_malloc = std::unique_ptr<T, vk_free_deleter>;
 
 // Appends source (at most 255 characters) to dest with every ${NAME} replaced by the
 // environment variable NAME; dest (dest_size bytes, 512 in every caller) is passed zeroed.
