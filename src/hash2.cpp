@@ -171,30 +171,61 @@ int map_item_delete(map_t *map, const void *key, uint32_t len)
     return 0;
 }
 
-// The cursor holds the address of the entry returned last; values at the top of the range
-// (never valid addresses) start from bucket 0, and 0 marks a finished walk.
+// ---- iteration -----------------------------------------------------------------
+//
+// The cursor names a position, never an address, so deleting the item it names cannot
+// leave it pointing at freed memory:
+//
+//   bit 63   62 ........ 48   47 ............. 16   15 ...... 0
+//   [ 0 ]  [ count & 0x7FFF ] [ chain position + 1 ] [ bucket ]
+//
+// Position 0 is the bucket head, 1 the first chained entry, and so on. Deleting an item at
+// position p moves every later item of its bucket one position down (a deleted head pulls
+// its first chained entry into the table), so when the count has dropped by exactly one
+// since the cursor was made, the item that followed the deleted one now sits at p. Bit 63
+// is always clear and the position field never 0, so a live cursor is neither a start
+// value nor 0, which marks a finished walk.
+
+namespace
+{
+
+constexpr uint64_t k_cursor_count_mask = 0x7FFF;
+
+uint64_t make_cursor(uint32_t bucket, uint32_t position, uint32_t count)
+{
+    return (static_cast<uint64_t>(count) & k_cursor_count_mask) << 48 |
+           static_cast<uint64_t>(position + 1) << 16 | (bucket & 0xFFFFu);
+}
+
+} // namespace
+
 void map_get_next_node(const map_t *map, uint64_t *cursor, void **out)
 {
     if (cursor == nullptr || out == nullptr || map == nullptr || map->table == nullptr || map->size == 0)
         return;
-    uint32_t bucket = 0;
     if (*cursor == 0) {
         *out = nullptr;
         return;
     }
+    uint32_t bucket = 0;
+    uint32_t position = 0; // where the next item is looked for
     if (*cursor < MAP_CURSOR_START - 1) {
-        const auto *last = reinterpret_cast<const map_entry_t *>(static_cast<uintptr_t>(*cursor));
-        if (last->next != nullptr) {
-            *cursor = reinterpret_cast<uintptr_t>(last->next);
-            *out = last->next->item;
-            return;
-        }
-        bucket = last->index + 1;
+        bucket = static_cast<uint32_t>(*cursor & 0xFFFF);
+        uint32_t last = static_cast<uint32_t>(*cursor >> 16) - 1; // any field value is harmless
+        uint64_t seen_count = (*cursor >> 48) & k_cursor_count_mask;
+        bool last_deleted = ((seen_count - 1) & k_cursor_count_mask) == (map->count & k_cursor_count_mask);
+        position = last_deleted ? last : last + 1;
     }
-    for (; bucket < map->size; bucket++) {
-        if (map->table[bucket].item != nullptr) {
-            *cursor = reinterpret_cast<uintptr_t>(&map->table[bucket]);
-            *out = map->table[bucket].item;
+    for (; bucket < map->size; bucket++, position = 0) {
+        // An empty head has no chain: deletion pulls a chained entry into the head.
+        const map_entry_t *e = &map->table[bucket];
+        if (e->item == nullptr)
+            continue;
+        for (uint32_t i = 0; e != nullptr && i < position; i++)
+            e = e->next;
+        if (e != nullptr) {
+            *cursor = make_cursor(bucket, position, map->count);
+            *out = e->item;
             return;
         }
     }

@@ -43,8 +43,13 @@ int map_lookup(const map_t *map, const void *key, uint32_t len, void **out);
 // Returns 1 when the item was found and freed (with its chain entry), 0 when not found.
 int map_item_delete(map_t *map, const void *key, uint32_t len);
 // Iteration in bucket order, chains first. Start with *cursor = MAP_CURSOR_START; each
-// call gives the next item through `out`, null when none is left. A null cursor or an
-// uninitialised map leaves `out` untouched. The map must not change during iteration.
+// call gives the next item through `out`, null when none is left (and from then on). A
+// null cursor or an uninitialised map leaves `out` untouched.
+// Changes during a walk: the caller may delete (map_item_delete) the item it was just
+// given, and only that one, before the next call; the walk then goes on with the item that
+// followed it, skipping none. Any other change (setting items, deleting other items) may
+// make the walk skip or repeat items. The cursor holds no address, so no change ever makes
+// the walk touch freed memory.
 void map_get_next_node(const map_t *map, uint64_t *cursor, void **out);
 // Free every item (or hand it to `release`), drop the chains, count 0; the map stays usable.
 void map_clear(map_t *map);

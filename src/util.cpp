@@ -1,5 +1,6 @@
-// util: the single-instance guard, the root flag, the send-queue drop report and the
-// ${NAME} path expansion. Called by main, process_main and pub_conf during start-up.
+// util: the single-instance guard, the root flag, the send-queue drop report, the ${NAME}
+// path expansion, and the loading of the target agent registry. Called by main,
+// process_main and pub_conf during start-up, and by the command thread every 30 seconds.
 #include "util.h"
 
 #include <algorithm>
@@ -8,11 +9,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cjson/cJSON.h>
 #include <fcntl.h>
+#include <mutex>
 #include <string_view>
 
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
+#include "vk_string.h"
 #include "vklog.h"
 
 // ---- ${NAME} expansion --------------------------------------------------------
@@ -145,4 +149,205 @@ uint32_t info_log()
     VKLOG_INFO(g_vklog.load(), "[info_log] current tcp_queue[%u] skip[%d]\n", get_send_queue_count(),
                static_cast<int>(skip));
     return skip;
+}
+
+// ---- manager id and target agent registry -------------------------------------------
+
+int get_manager_agent_id()
+{
+    char path[VK_PATH_SIZE + 32];
+    snprintf(path, sizeof(path), "%s/data/manager_id", g_vk_manager_home);
+    vk_unique_file file(fopen(path, "r"));
+    if (!file)
+        return -1;
+    char line[40] = {};
+    if (fgets(line, sizeof(line), file.get()) != nullptr) {
+        line[MANAGER_ID_LEN] = '\0';
+        VKLOG_INFO(g_vklog.load(), "[get_manager_agent_id] get manager agent existed ID [%s]\n", line);
+        set_manager_id(line);
+    }
+    return 0;
+}
+
+int set_agent_id_to_list(const char *path)
+{
+    vk_unique_file file(path != nullptr ? fopen(path, "r") : nullptr);
+    if (!file) {
+        VKLOG_DEBUG(g_vklog.load(), "[set_agent_id_to_list] file not exist. path[%s]\n",
+                    path != nullptr ? path : "");
+        return -1;
+    }
+    char line[sizeof(json_agent_info_t::agent_id)] = {};
+    if (fgets(line, sizeof(line), file.get()) == nullptr) {
+        VKLOG_ERROR(g_vklog.load(), "[set_agent_id_to_list] file(%s) read failed. path[%s]\n", path, path);
+        return -2;
+    }
+    line[AGENT_ID_LEN] = '\0';
+    int count = std::clamp(g_json_agent_count, 0, MAX_AGENT_COUNT);
+    for (int i = 0; i < count; i++) {
+        if (strcmp(g_json_agent_info[i].agent_id, line) == 0) {
+            VKLOG_DEBUG(g_vklog.load(),
+                        "[set_agent_id_to_list] ID with the same value already exists. path[%s] idx[%d]\n",
+                        path, i);
+            return i;
+        }
+    }
+    if (count >= MAX_AGENT_COUNT) {
+        VKLOG_ERROR(g_vklog.load(), "[set_agent_id_to_list] agent list is full (%d). path[%s]\n", count,
+                    path);
+        return -3;
+    }
+    json_agent_info_t &record = g_json_agent_info[count];
+    record = json_agent_info_t{};
+    vk_strlcpy(record.agent_id, line);
+    VKLOG_DEBUG(g_vklog.load(), "[set_agent_id_to_list] file read success. path[%s] agent_id[%s]\n", path,
+                record.agent_id);
+    g_json_agent_count = count + 1;
+    return count;
+}
+
+namespace
+{
+
+struct cjson_deleter {
+    void operator()(cJSON *tree) const { cJSON_Delete(tree); }
+};
+using unique_cjson = std::unique_ptr<cJSON, cjson_deleter>;
+
+// An item's member name, "" for array elements.
+const char *name_of(const cJSON *item)
+{
+    return item->string != nullptr ? item->string : "";
+}
+
+// Reads the whole file into *text, terminated after the bytes actually read. The length
+// from ftell only sizes the buffer: it is bounded first, and a shorter read is an error.
+// Returns 0 or -2 .. -6 as parse_agent_config_file.
+int read_agent_config(FILE *file, vk_unique_malloc<char> *text)
+{
+    if (fseek(file, 0, SEEK_END) != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file]  fail to fseek function (SEEK_END)\n");
+        return -2;
+    }
+    long len = ftell(file);
+    if (len < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file]  fail to ftell function (%d)\n",
+                    static_cast<int>(len));
+        return -3;
+    }
+    if (fseek(file, 0, SEEK_SET) != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file]  fail to fseek function (SEEK_SET)\n");
+        return -4;
+    }
+    if (len > AGENT_CONFIG_MAX_SIZE) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] file too large. file_len[%ld] limit[%ld]\n",
+                    len, AGENT_CONFIG_MAX_SIZE);
+        return -6;
+    }
+    size_t size = static_cast<size_t>(len);
+    text->reset(static_cast<char *>(malloc(size + 1)));
+    if (!*text) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] json_content malloc error\n");
+        return -5;
+    }
+    size_t got = fread(text->get(), 1, size, file);
+    text->get()[got] = '\0';
+    if (got == 0 || got < size) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] fread fail ret[%d] file_len[%d]\n",
+                    static_cast<int>(got), static_cast<int>(len));
+        return -6;
+    }
+    return 0;
+}
+
+// "common_option": every child holding a string "custom_prefix" sets the prefix in turn.
+void apply_common_option(const cJSON *member)
+{
+    const cJSON *child = nullptr;
+    cJSON_ArrayForEach(child, member)
+    {
+        const cJSON *prefix = cJSON_GetObjectItemCaseSensitive(child, "custom_prefix");
+        if (!cJSON_IsString(prefix) || prefix->valuestring == nullptr) {
+            VKLOG_DEBUG(g_vklog.load(), "[parse_agent_config_file] Not set field [%s]\n", name_of(member));
+            continue;
+        }
+        size_t len = vk_strlcpy(g_json_prefix_option, prefix->valuestring, sizeof(g_json_prefix_option));
+        VKLOG_DEBUG(g_vklog.load(),
+                    "[parse_agent_config_file] read field[%s] option[%s] custom_prefix[%s] prefix_len[%d] \n",
+                    name_of(member), name_of(child), g_json_prefix_option, static_cast<int>(len));
+    }
+}
+
+// One agent group: registers each entry; a full registry leaves the group.
+void register_group(const cJSON *group)
+{
+    const cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, group)
+    {
+        if (g_json_agent_count > MAX_AGENT_COUNT - 1) {
+            VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] MAX_AGENT_COUNT!!!\n");
+            return;
+        }
+        const cJSON *path = cJSON_GetObjectItemCaseSensitive(entry, "path");
+        if (!cJSON_IsString(path) || path->valuestring == nullptr) {
+            VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] Invalid path field [%s]\n",
+                        name_of(group));
+            continue;
+        }
+        VKLOG_DEBUG(g_vklog.load(), "[parse_agent_config_file] parsed path [%s] [%s]\n", name_of(group),
+                    path->valuestring);
+        int idx = set_agent_id_to_list(path->valuestring);
+        if (idx < 0)
+            continue;
+        const cJSON *root_check = cJSON_GetObjectItemCaseSensitive(entry, "root_check");
+        if (root_check == nullptr) {
+            g_json_agent_info[idx].root_check = 0;
+        } else if (cJSON_IsNumber(root_check)) {
+            VKLOG_DEBUG(g_vklog.load(),
+                        "[parse_agent_config_file] update root_check option path[%s] root_check[%d]\n",
+                        path->valuestring, root_check->valueint);
+            g_json_agent_info[idx].root_check = root_check->valueint;
+        }
+    }
+}
+
+} // namespace
+
+int parse_agent_config_file()
+{
+    VKLOG_DEBUG(g_vklog.load(), "[parse_agent_config_file] autoload start. g_auto_load_count[%d]\n",
+                g_auto_load_count);
+    {
+        std::lock_guard<vklock_t> hold(g_json_lock);
+        for (int i = 0; i < std::min(g_auto_load_count, MAX_AGENT_COUNT); i++)
+            (void)set_agent_id_to_list(g_vk_auto_load_path[i]); // a missing file is logged and skipped
+    }
+    char path[VK_PATH_SIZE + 32];
+    snprintf(path, sizeof(path), "%s/data/agent_config.json", g_vk_manager_home);
+    vk_unique_file file(fopen(path, "rb"));
+    if (!file) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] agent_config.json file(%s) open failed.\n",
+                    path);
+        return -1;
+    }
+    VKLOG_DEBUG(g_vklog.load(), "[parse_agent_config_file] start parse to agent_config_path [%s]\n", path);
+    vk_unique_malloc<char> text;
+    if (int rc = read_agent_config(file.get(), &text); rc != 0)
+        return rc;
+    unique_cjson root(cJSON_Parse(text.get()));
+    if (!root) {
+        VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] Json file format error\n");
+        return -7;
+    }
+    std::lock_guard<vklock_t> hold(g_json_lock);
+    memset(g_json_prefix_option, 0, sizeof(g_json_prefix_option));
+    const cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, root.get())
+    {
+        if (strcmp(name_of(member), "common_option") == 0)
+            apply_common_option(member);
+        else
+            register_group(member);
+    }
+    return g_json_agent_count;
 }

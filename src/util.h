@@ -1,12 +1,17 @@
-// util: start-up helpers of the main process: the single-instance guard on
-// data/manager_agent_pid, the root flag, the send-queue drop report of the main loop, and
-// the ${NAME} expansion of configured paths. Called by main, process_main and pub_conf.
-// Thread safety: convert_env_path is safe from any thread; the others run on the main
-// thread.
+// util: start-up helpers of the main process (the single-instance guard on
+// data/manager_agent_pid, the root flag, the send-queue drop report of the main loop, the
+// ${NAME} expansion of configured paths) and the loading of the target agent registry
+// (agent_config.json, id files, data/manager_id). Called by main, process_main, pub_conf,
+// the command thread and the agent information builder.
+// Thread safety: convert_env_path and get_manager_agent_id are safe from any thread; the
+// registry functions take or need g_json_lock; the others run on the main thread.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <unistd.h>
 
 // Owns one descriptor and closes it on every path.
@@ -21,6 +26,18 @@ struct vk_unique_fd {
             close(fd);
     }
 };
+
+// Owns one FILE* and closes it on every path.
+struct vk_file_closer {
+    void operator()(FILE *f) const { fclose(f); }
+};
+using vk_unique_file = std::unique_ptr<FILE, vk_file_closer>;
+
+// Owns one malloc'd block and frees it on every path (release() hands it to a caller).
+struct vk_free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+template <typename T> using vk_unique_malloc = std::unique_ptr<T, vk_free_deleter>;
 
 // Appends source (at most 255 characters) to dest with every ${NAME} replaced by the
 // environment variable NAME; dest (dest_size bytes, 512 in every caller) is passed zeroed.
@@ -49,3 +66,35 @@ uint32_t get_send_queue_count();
 // counter that went backwards counts as wrapped: (4294967295 - previous) + current).
 // Returns that difference; the previous value is updated even when INFO is filtered out.
 uint32_t info_log();
+
+// ---- target agent registry ----------------------------------------------------------
+
+// Largest data/agent_config.json that parse_agent_config_file reads (16 MiB).
+inline constexpr long AGENT_CONFIG_MAX_SIZE = 16L * 1024 * 1024;
+
+// Reads the first line of "<g_vk_manager_home>/data/manager_id" (at most 39 characters),
+// cuts it at 36 and stores it with set_manager_id. Returns 0 when the file was opened
+// (an empty file leaves the id as it was), -1 when it cannot be opened (id unchanged).
+int get_manager_agent_id();
+
+// Registers the agent whose id file is `path`: its first line (at most 39 characters, the
+// line end kept when it fits) cut at 36 characters. The caller holds g_json_lock. Returns
+// the index of the agent's record: an existing record with the same id is reused, else a
+// cleared one is appended. -1 the file cannot be opened (or path is null), -2 its first
+// line cannot be read, -3 the id is new and the registry already holds MAX_AGENT_COUNT
+// records. The registry is unchanged on failure.
+int set_agent_id_to_list(const char *path);
+
+// Loads the registry: registers the autoload paths (under g_json_lock), then reads and
+// parses "<g_vk_manager_home>/data/agent_config.json" and, under g_json_lock, clears
+// g_json_prefix_option and walks the root's members: "common_option" gives the prefix
+// (the last child's "custom_prefix" string wins, cut at 511), every other member is a
+// group of agent entries {"path": string, "root_check": number}. Records accumulate
+// across loads; an agent seen again keeps its index and gets its root_check refreshed
+// (absent: 0; present but not a number: unchanged). Past MAX_AGENT_COUNT records each
+// group logs "MAX_AGENT_COUNT!!!" and is left. Returns g_json_agent_count, or -1 the file
+// cannot be opened, -2 / -3 / -4 seeking to the end / telling the position / seeking back
+// failed, -5 the text cannot be allocated, -6 a read of 0 bytes or fewer than the length
+// (an empty file) or a file larger than AGENT_CONFIG_MAX_SIZE, -7 not valid JSON. On
+// failure the autoload agents are registered and the rest is unchanged.
+int parse_agent_config_file();

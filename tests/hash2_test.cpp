@@ -1,11 +1,13 @@
 // Tests of the hash map and its lookup2 hash: agreement with an independent formulation of
-// the hash, the replace/delete/iterate rules and item ownership.
+// the hash, the replace/delete/iterate rules, a walk that deletes what it was just given,
+// and item ownership.
 #include "hash2.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -190,6 +192,55 @@ TEST_F(MapTest, IterationFollowsBucketOrderThenEnds)
     void *untouched = &cursor;
     map_get_next_node(&m, nullptr, &untouched);
     EXPECT_EQ(untouched, &cursor);
+}
+
+// Walks the map, deleting (under the item's own key, as the garbage collector does) every
+// item `drop` selects right after it was returned. Returns the values in walk order.
+std::vector<int> walk_deleting(map_t &m, const std::function<bool(int)> &drop)
+{
+    std::vector<int> seen;
+    uint64_t cursor = MAP_CURSOR_START;
+    void *out = nullptr;
+    for (map_get_next_node(&m, &cursor, &out); out != nullptr; map_get_next_node(&m, &cursor, &out)) {
+        auto *it = static_cast<item_t *>(out);
+        seen.push_back(it->value);
+        if (drop(it->value)) {
+            EXPECT_EQ(map_item_delete(&m, it->key, sizeof it->key), 1) << it->value;
+        }
+    }
+    map_get_next_node(&m, &cursor, &out);
+    EXPECT_EQ(out, nullptr); // a finished walk stays finished
+    return seen;
+}
+
+TEST_F(MapTest, WalkSurvivesDeletingTheItemItJustReturned)
+{
+    // Chains of 3, 1 and 4 items in buckets 0, 3 and 7; values 0..7 in chain order.
+    std::vector<std::string> keys;
+    for (auto [bucket, n] : {std::pair{0u, 3u}, {3u, 1u}, {7u, 4u}})
+        for (const std::string &k : keys_in_bucket(8, bucket, n))
+            keys.push_back(k);
+    const std::vector<int> order = {0, 1, 2, 3, 4, 5, 6, 7};
+    const std::pair<const char *, std::function<bool(int)>> cases[] = {
+        {"all", [](int) { return true; }},
+        {"none", [](int) { return false; }},
+        {"heads", [](int v) { return v == 0 || v == 3 || v == 4; }},
+        {"chained", [](int v) { return v == 1 || v == 2 || v == 5 || v == 6 || v == 7; }},
+        {"every other", [](int v) { return v % 2 == 0; }},
+        {"last", [](int v) { return v == 7; }},
+    };
+    for (const auto &[name, drop] : cases) {
+        map_clear(&m);
+        for (int i = 0; i < 8; i++)
+            ASSERT_EQ(set(keys[i].c_str(), i), 1);
+        EXPECT_EQ(walk_deleting(m, drop), order) << name; // each item once, in bucket order
+        uint32_t kept = 0;
+        for (int i = 0; i < 8; i++) {
+            EXPECT_EQ(lookup_value(m, keys[i].c_str()), drop(i) ? -1 : i) << name << " " << i;
+            kept += drop(i) ? 0 : 1;
+        }
+        EXPECT_EQ(m.count, kept) << name;
+    }
 }
 
 TEST_F(MapTest, ClearHandsEveryItemToTheReleaseFunctionAndStaysUsable)
