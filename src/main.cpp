@@ -13,11 +13,16 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "command_handler.h"
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
+#include "pkt_proto/proto_send.h"
 #include "pub_conf.h"
 #include "pub_func.h"
 #include "signal_ctl.h"
+#include "thr_command.h"
+#include "thr_dgconn.h"
+#include "thr_garbage_collector.h"
 #include "util.h"
 #include "version.h"
 #include "vk_string.h"
@@ -101,7 +106,7 @@ timeval wait_for_tick(const timeval &tick)
     while (time_before(now, tick)) {
         if (tick.tv_sec - now.tv_sec > 59) {
             VKLOG_INFO(g_vklog.load(), "[process_main] check GMT \n");
-            // send_req_timesync() (time synchronisation, message dispatch unit) goes here.
+            send_req_timesync();
             break;
         }
         vk_sleep(100);
@@ -124,9 +129,8 @@ void run_tick(time_t now, const char *pid_path)
             vk_sleep(3000);
         }
     }
-    if (now % 3600 == 0) {
-        // send_req_timesync() (hourly time synchronisation, message dispatch unit) goes here.
-    }
+    if (now % 3600 == 0)
+        send_req_timesync();
     int interval = get_conf_value_int_for_idx(g_conf_handle, MGR_CONF_INTERVAL_INFO_LOG);
     if (interval != 0 && now % interval == 0)
         info_log();
@@ -137,14 +141,15 @@ void run_tick(time_t now, const char *pid_path)
 int process_main(pthread_attr_t *attributes)
 {
     VKLOG_INFO(g_vklog.load(), "[process_main] setting sudo flag (%d)\n", init_sudo_flag());
-    // Worker threads start here as their units land, each detached with 10 MiB stacks:
-    //   run_thread(&tid, attributes, thr_DGConn, nullptr, "THR_DGCONN");      connection thread
-    (void)attributes;
+    pthread_t tid;
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+    run_thread(&tid, attributes, thr_DGConn, nullptr, "THR_DGCONN");
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
     init_os();
-    //   run_thread(&tid, attributes, thr_command, nullptr, "THR_COMMAND");    command thread
-    //   run_thread(&tid, attributes, thr_garbage_collector, nullptr, "THR_COMMAND");
-    //     (the garbage collector deliberately shares the command thread's name)
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
+    run_thread(&tid, attributes, thr_command, nullptr, "THR_COMMAND");
+    // The garbage collector deliberately shares the command thread's registry name.
+    run_thread(&tid, attributes, thr_garbage_collector, nullptr, "THR_COMMAND");
     char pid_path[VK_PATH_SIZE + 32];
     snprintf(pid_path, sizeof(pid_path), "%s/data/manager_agent_pid", g_vk_manager_home);
     timeval now{};
@@ -262,10 +267,12 @@ int main(int argc, char **argv)
                get_manager_full_version_string());
     VKLOG_INFO(g_vklog.load(), "[MAIN] HOME: %s\n", g_vk_manager_home);
     set_dg_address();
-    // init_chunk_hash() (map of patch transfers, command intake unit) goes here.
+    init_chunk_hash();
     initsignal();
-    // nio_seq_lock_init() (packet-id spin lock, message dispatch unit) goes here; on a
-    // negative result: VKLOG_ERROR "[MAIN] nio spinlock init failed(%d)\n" with errno, exit(0).
+    if (nio_seq_lock_init() < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[MAIN] nio spinlock init failed(%d)\n", errno);
+        exit(0);
+    }
     VKLOG_INFO(g_vklog.load(), "[MAIN] initialize resources.\n");
     ret = run_process();
     if (ret == 0)

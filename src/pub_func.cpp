@@ -1,14 +1,21 @@
-// pub_func: the worker-thread starter and the DG receiver address. Called by process_main
-// (threads, receiver address at start-up) and the connection thread (its sender thread).
+// pub_func: the worker-thread starter, the DG receiver address, the clock difference to the
+// DG and the packet id counter. Called by process_main (threads, receiver address at
+// start-up), the connection thread (sender thread, address refresh, time-sync rounds) and
+// the message builders.
 #include "pub_func.h"
 
 #include <arpa/inet.h>
+#include <sys/time.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
+#include "global_var.h"
 #include "pub_conf.h"
 #include "signal_ctl.h"
 #include "vk_comm.h"
@@ -83,4 +90,83 @@ int set_dg_address()
     if (g_dgconn_slave_info.ip == 0)
         VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n");
     return 0;
+}
+
+// ---- DG clock difference ------------------------------------------------------------------
+
+int32_t g_narr_difftime[TIMESYNC_SAMPLE_COUNT];
+int32_t g_ncnt_timesync = 0;
+std::atomic<int32_t> g_ndif_timesync{0};
+std::atomic<int32_t> g_difftime_switch{1};
+
+int diff_time_sync(int32_t sample)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    if (g_ncnt_timesync < 0 || g_ncnt_timesync >= TIMESYNC_SAMPLE_COUNT)
+        g_ncnt_timesync = 0;
+    g_narr_difftime[g_ncnt_timesync++] = sample;
+    if (g_ncnt_timesync < TIMESYNC_SAMPLE_COUNT)
+        return g_ncnt_timesync;
+    int32_t sorted[TIMESYNC_SAMPLE_COUNT];
+    std::copy(std::begin(g_narr_difftime), std::end(g_narr_difftime), sorted);
+    std::sort(std::begin(sorted), std::end(sorted));
+    // The two smallest and the two largest samples are outliers (a delayed reply, a
+    // scheduling hiccup); the middle six are averaged.
+    int64_t sum = 0;
+    for (int i = 2; i < TIMESYNC_SAMPLE_COUNT - 2; i++)
+        sum += sorted[i];
+    g_ndif_timesync.store(static_cast<int32_t>(sum / (TIMESYNC_SAMPLE_COUNT - 4)));
+    g_ncnt_timesync = 0;
+    return 0;
+}
+
+int32_t get_diff_timesync()
+{
+    return g_difftime_switch.load() != 0 ? g_ndif_timesync.load() : 0;
+}
+
+int64_t get_dgtime()
+{
+    return now_time() - get_diff_timesync();
+}
+
+int set_DG_difftime(int value)
+{
+    if (value == 0 || value == 1)
+        g_difftime_switch.store(value);
+    return value;
+}
+
+int64_t now_time()
+{
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+}
+
+// ---- NIO packet ids -----------------------------------------------------------------------
+
+namespace
+{
+pthread_spinlock_t g_nio_seq_lock;
+uint32_t s_packet_id = 0; // guarded by g_nio_seq_lock
+} // namespace
+
+int nio_seq_lock_init()
+{
+    int ret = pthread_spin_init(&g_nio_seq_lock, PTHREAD_PROCESS_PRIVATE);
+    if (ret != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[nio_seq_lock_init] Failed init spinlock(%d)(%d)\n", ret, errno);
+        g_stop_the_world.store(1);
+        return -1;
+    }
+    return 0;
+}
+
+uint32_t get_nio_pkt_id()
+{
+    pthread_spin_lock(&g_nio_seq_lock);
+    uint32_t id = s_packet_id++;
+    pthread_spin_unlock(&g_nio_seq_lock);
+    return id;
 }

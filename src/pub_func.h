@@ -1,10 +1,14 @@
-// pub_func: the thread starter used for every worker thread (run_thread) and the DG
-// receiver address g_dgconn_slave_info, parsed once at start-up from MGR_RECEIVER_ADDR.
-// Called by main/process_main and the connection thread.
-// Thread safety: run_thread may be called from any thread; the address is written once by
-// the main thread before the worker threads start and only read afterwards.
+// pub_func: the thread starter used for every worker thread (run_thread), the DG receiver
+// address g_dgconn_slave_info parsed from MGR_RECEIVER_ADDR, the clock difference to the DG
+// (time-sync rounds) and the NIO packet id counter. Called by main/process_main, the
+// connection thread and the message handlers.
+// Thread safety: run_thread may be called from any thread; the address is written by the
+// main thread before the worker threads start and afterwards only by the connection thread,
+// its one reader. The time-sync samples are the connection thread's; the difference and the
+// packet ids may be read from any thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 
@@ -38,3 +42,34 @@ int run_thread(pthread_t *thread_id_out, const pthread_attr_t *attributes, void 
 // or more characters counts as absent); logs when the address is wrong or missing. Always
 // returns 0: the connection thread reports a missing receiver itself.
 int set_dg_address();
+
+// ---- DG clock difference and NIO packet ids ----------------------------------------------
+// The difference is measured in rounds of ten time-sync exchanges on the connection thread,
+// which alone writes the samples; any thread may read the difference.
+
+inline constexpr int TIMESYNC_SAMPLE_COUNT = 10;
+
+extern int32_t g_narr_difftime[TIMESYNC_SAMPLE_COUNT]; // samples of the round in progress
+extern int32_t g_ncnt_timesync;                        // samples collected in it, 0..9
+extern std::atomic<int32_t> g_ndif_timesync;           // agent clock minus DG clock, ms
+extern std::atomic<int32_t> g_difftime_switch;         // 1 applies the difference, 0 ignores it
+
+// Adds one sample (agent clock minus DG clock, ms) to the round. On the tenth the two
+// smallest and two largest are dropped and the mean of the middle six (truncated toward
+// zero) becomes the difference. Returns the samples collected so far (0 after a round).
+int diff_time_sync(int32_t sample);
+// The difference when the switch is on, else 0.
+[[nodiscard]] int32_t get_diff_timesync();
+// now_time() minus the difference when the switch is on: the DG's clock in ms.
+[[nodiscard]] int64_t get_dgtime();
+// 0 turns the switch off, 1 on; other values change nothing. Returns value.
+int set_DG_difftime(int value);
+// Milliseconds since the epoch from gettimeofday.
+[[nodiscard]] int64_t now_time();
+
+// Initialises the spin lock of the packet id counter (process-private). Returns 0; -1 on
+// failure, logged at ERROR, with g_stop_the_world raised.
+int nio_seq_lock_init();
+// The next NIO packet id (starting at 0, wrapping at 2^32). Senders still write 0 in the
+// sub header; the counter is kept for that field.
+uint32_t get_nio_pkt_id();

@@ -16,6 +16,7 @@
 
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
+#include "thr_dgconn.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -107,7 +108,9 @@ int check_double_execution(const char *process_name, const char *display_name)
     pid_t pid = read_pid_record(file.fd);
     VKLOG_TRACE(g_vklog_console_debug.load(), "[check_double_execution] open file. %s(%d)\n", path,
                 static_cast<int>(pid));
-    if (process_check(pid, process_name) == 1) {
+    // Our own pid is never a second instance: a restart that got the same pid again (pid 1
+    // in a container) finds its own number in a pid file that survived.
+    if (pid != getpid() && process_check(pid, process_name) == 1) {
         VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020080] Already exists. pid:%d, ProcessName:%s\n",
                     static_cast<int>(pid), display_name);
         unlock_pid_file(file.fd);
@@ -132,12 +135,6 @@ int init_sudo_flag()
 }
 
 // ---- send-queue report ------------------------------------------------------------
-
-// Weak so that the send-queue unit's definition replaces it when that unit is linked in.
-__attribute__((weak)) uint32_t get_send_queue_count()
-{
-    return 0;
-}
 
 uint32_t info_log()
 {

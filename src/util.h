@@ -58,10 +58,6 @@ template <typename T> using vk_unique_malloc = std::unique_ptr<T, vk_free_delete
 // user id.
 int init_sudo_flag();
 
-// Number of entries waiting in the send queue. The send-queue unit defines it; until that
-// unit is linked in, the default here reports 0 (there is no queue).
-uint32_t get_send_queue_count();
-
 // Logs at INFO the send-queue length and the messages dropped since the previous call (a
 // counter that went backwards counts as wrapped: (4294967295 - previous) + current).
 // Returns that difference; the previous value is updated even when INFO is filtered out.

@@ -1,8 +1,10 @@
 // vk_comm: NIO/OIO framing, the packet readers and the socket and address helpers used by
 // the DG connection thread, the message builders and the configuration bootstrap.
-// Nothing here logs: failures are returned as codes and the caller decides.
+// Nothing here logs but get_ip_info, whose failures leave an empty list: failures are
+// returned as codes and the caller decides.
 #include "vk_comm.h"
 #include "vk_byteorder.h"
+#include "vklog.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -153,6 +155,8 @@ int wait_readable(int sock, int timeout_seconds)
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
         pollfd pfd{sock, POLLIN, 0};
         int rc = poll(&pfd, 1, left > 0 ? static_cast<int>(left) : 0);
+        // A signal (SIGHUP is handled and returns) interrupts poll; the wait goes on for the
+        // time that is left rather than failing the connection with -98.
         if (rc < 0 && errno == EINTR)
             continue;
         if (rc < 0 || (rc > 0 && (pfd.revents & POLLNVAL)))
@@ -562,18 +566,26 @@ int get_ip_info(vk_ip_info_list *result)
     if (result == nullptr)
         return -1;
     *result = {nullptr, 0};
-    fd_owner sock(socket(AF_INET, SOCK_DGRAM, 0));
-    if (sock.fd < 0)
-        return -2;
+    // A host whose interfaces cannot be listed reports none; the identity message is still
+    // built, so the failure is logged rather than returned.
+    fd_owner sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (sock.fd < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[get_ip_info] socket failed. (%d)\n", errno);
+        return 0;
+    }
     malloc_ptr requests;
     const int count = query_interfaces(sock.fd, &requests);
-    if (count < 0)
-        return count;
+    if (count < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[get_ip_info] interface query failed. (%d)\n", count == -4 ? ENOMEM : errno);
+        return 0;
+    }
     if (count == 0)
         return 0;
     auto *list = static_cast<vk_ip_info *>(std::calloc(static_cast<size_t>(count), sizeof(vk_ip_info)));
-    if (list == nullptr)
-        return -4;
+    if (list == nullptr) {
+        VKLOG_ERROR(g_vklog.load(), "[get_ip_info] interface query failed. (%d)\n", ENOMEM);
+        return 0;
+    }
     const auto *entries = reinterpret_cast<const ifreq *>(requests.get());
     for (int i = 0; i < count; ++i) {
         std::memcpy(list[i].name, entries[i].ifr_name, strnlen(entries[i].ifr_name, IFNAMSIZ));

@@ -2,7 +2,7 @@
 // The connection thread reads packets here; every sender wraps its encoded message here.
 // Thread safety: every function may be called from any thread. The header version byte is
 // the only shared state (an atomic); get_ip_info, getIPFromDomain and vk_close_socket_debug
-// print to standard output, nothing else here logs.
+// print to standard output, and get_ip_info logs its failures; nothing else here logs.
 #pragma once
 
 #include <cstddef>
@@ -170,6 +170,7 @@ struct vk_ip_info_list {
 };
 
 // Lists the host's IPv4 interfaces (SIOCGIFCONF) into result and prints
-// "[%d]name: %s, ip: %s\n" for each. Returns 0, or -1 null result; -2 no datagram socket;
-// -3 the interface query failed; -4 out of memory. On failure result is {null, 0}.
+// "[%d]name: %s, ip: %s\n" for each. Returns 0, or -1 for a null result. A failed interface
+// query (no socket, the request refused, no memory) leaves the list empty ({null, 0}) and is
+// logged at ERROR.
 [[nodiscard]] int get_ip_info(vk_ip_info_list *result);

@@ -21,3 +21,14 @@ void vk_sleep(int64_t msec)
     while (nanosleep(&req, &rem) != 0 && errno == EINTR)
         req = rem;
 }
+
+int64_t vk_wait_for_second(int64_t tick)
+{
+    for (;;) {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        if (now.tv_sec >= tick || tick - now.tv_sec >= 60)
+            return static_cast<int64_t>(now.tv_sec);
+        vk_sleep(100);
+    }
+}

@@ -107,8 +107,9 @@ class DaemonScenario : public ::testing::Test
     std::string home = dir.path;
     std::string manager = home + "/manager";
     std::string config = manager + "/data/config";
+    // The receiver is a closed loopback port: the agent stays up, retrying the connection.
     std::vector<std::string> env = {"PATH=/usr/bin:/bin", "MGR_QUIL_HOME=" + home,
-                                    "MGR_QUIL_MANAGER_HOME=" + manager};
+                                    "MGR_QUIL_MANAGER_HOME=" + manager, "MGR_RECEIVER_ADDR=127.0.0.1:1"};
     std::vector<pid_t> children; // our own children, reaped or killed on the way out
     pid_t daemon = 0;            // the detached daemon, killed if still running
 };
@@ -121,13 +122,12 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     child_process other{spawn({"/bin/sleep", "60"})};
     ASSERT_GT(other.pid, 0);
     write_file(pid_path(), std::to_string(other.pid));
-    pid_t agent = start("first", {"-x", "-d"},
-                        env_with("MGR_RECEIVER_ADDR=", "MGR_RECEIVER_ADDR=nocolon")); // -x ignored
+    pid_t agent = start("first", {"-x", "-d"}); // -x ignored
     ASSERT_TRUE(log_has("[check_os_info] Machine : ")) << log() << out("first");
 
     // Standard output before logging exists, then the log in start-up order.
     const std::string stdout_start = "debug mode on\nenv MGR_QUIL_HOME(" + std::to_string(home.size()) +
-                                     ")[" + home + "]\nenv MGR_RECEIVER_ADDR(256)[nocolon]\n[main] (" +
+                                     ")[" + home + "]\nenv MGR_RECEIVER_ADDR(256)[127.0.0.1:1]\n[main] (" +
                                      config + ") file already exists.\n";
     EXPECT_EQ(out("first").substr(0, stdout_start.size()), stdout_start);
     const std::string steps[] = {"write pid. " + std::to_string(agent) + "\n",
@@ -141,8 +141,6 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
         ASSERT_NE(at = text.find(steps[i], at), std::string::npos) << steps[i] << "\n" << text;
     EXPECT_TRUE(has_log_line(text, agent, "INFO", R"(\[MAIN\] start quil-manager-agent\. <DEBUG> version )"))
         << text;
-    EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n"), 2u);
-    EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n"), 1u);
     EXPECT_EQ(read_file(config), "MGR_INTERVAL_INFO_LOG=300\nMGR_LOG_DIRECTORY=${MGR_QUIL_MANAGER_HOME}/log\n"
                                  "MGR_LOG_FILENAME=quil-manager-agent.log\nMGR_LOG_LEVEL=info\n"
                                  "MGR_INTERVAL_GARBAGE_COLLECT=86400\n");
@@ -166,10 +164,13 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     EXPECT_EQ(wait_exit(agent), 0);
     text = log();
     EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[KTR-OSM-00040050\] SIGTERM sig caught\.\n)")) << text;
-    // Only the main thread exists yet, so its breadcrumb is the only one.
-    EXPECT_TRUE(
-        has_log_line(text, agent, "ERRO", R"(\[vk_debug_logging\] main_thr \[.*main\.cpp\]\[\d+\]\n)"));
-    EXPECT_EQ(count_of(text, "[vk_debug_logging] "), 1u);
+    // One breadcrumb for each thread: main, connection, sender, command, collector.
+    for (const char *thread : {"main_thr \\[.*/src/[a-z_]+", "dgconn_thr \\[.*thr_dgconn", "dgconn_sender_thr \\[.*thr_dgconn",
+                               "command_thr \\[.*thr_command", "garbage_thr \\[.*thr_garbage_collector"})
+        EXPECT_TRUE(has_log_line(text, agent, "ERRO",
+                                 std::string(R"(\[vk_debug_logging\] )") + thread + R"(\.cpp\]\[\d+\]\n)"))
+            << thread << "\n" << text;
+    EXPECT_EQ(count_of(text, "[vk_debug_logging] "), 5u);
     EXPECT_TRUE(out("first").ends_with("[exit_handler] terminated.\n")) << out("first");
 
     // The restart finds its config (no first-start message) and takes a quoted home.
@@ -216,6 +217,19 @@ TEST_F(DaemonScenario, DetachedDaemonKeepsRunningUnderItsOwnPid)
     EXPECT_TRUE(eventually([&] { return cmdline_of(daemon).empty(); }));
 }
 
+// Without a usable receiver address the agent has nothing to do: it says so and stops by
+// itself, cleanly.
+TEST_F(DaemonScenario, NoReceiverAddressStopsTheAgent)
+{
+    pid_t agent = start("noaddr", {}, env_with("MGR_RECEIVER_ADDR=", "MGR_RECEIVER_ADDR=nocolon"));
+    EXPECT_EQ(wait_exit(agent), 0);
+    std::string text = log();
+    EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] Wrong option value. [MGR_RECEIVER_ADDR]\n"), 2u) << text;
+    EXPECT_EQ(count_of(text, "[KTR-OSM-00020020] receiver ip:port [MGR_RECEIVER_ADDR] is empty.\n"), 1u);
+    EXPECT_TRUE(has_log_line(text, agent, "ERRO", R"(\[thr_DGConn\] Check Option Value\. \[MGR_RECEIVER_ADDR\]\n)"));
+    EXPECT_TRUE(contains(text, "[MAIN] quil-manager-agent terminated normally.\n"));
+}
+
 // Starts that end at once with status 0: the printing options (unknown arguments ignored,
 // nothing written), then the environment errors.
 TEST_F(DaemonScenario, StartsThatEndAtOnce)
@@ -248,7 +262,7 @@ TEST_F(DaemonScenario, StartsThatEndAtOnce)
         {{},
          env_with("MGR_QUIL_MANAGER_HOME=", ""),
          "env MGR_QUIL_HOME(" + std::to_string(home.size()) + ")[" + home +
-             "]\nenv MGR_RECEIVER_ADDR(256)[]\n[main] (" + config +
+             "]\nenv MGR_RECEIVER_ADDR(256)[127.0.0.1:1]\n[main] (" + config +
              ") file already exists.\n[init_vklog] convert_env_path() has failed. (ret: -3)\n"
              "[main] init_vklog() has failed. (ret:-1)\n",
          ""}};

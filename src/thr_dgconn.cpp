@@ -1,0 +1,430 @@
+// thr_dgconn: the DG connection thread (connect, handshake, receive, reconnect), the send
+// queue and the sender thread that drains it.
+#include "thr_dgconn.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "global_var.h"
+#include "on_demand.h"
+#include "pkt_proto/proto_send.h"
+#include "pub_func.h"
+#include "signal_ctl.h"
+#include "vk_comm.h"
+#include "vk_time.h"
+#include "vklog.h"
+
+std::atomic<int> g_dg_sock{0};
+std::atomic<int> g_dg_is_connection{0};
+std::atomic<int> g_remote_conf_is_initialize{0};
+
+vklist_t *g_send_queue = nullptr;
+vklock_t g_send_queue_lock;
+vklock_t g_send_lock;
+std::atomic<int> g_send_queue_act_flag{0};
+
+namespace
+{
+
+// Keepalive: a peer that vanished without a word is noticed after about 60 + 6 * 10 s,
+// and the receive loop's error path reconnects.
+constexpr int k_keepalive_idle_s = 60;
+constexpr int k_keepalive_interval_s = 10;
+constexpr int k_keepalive_count = 6;
+// Connect failures in a row that are logged; later ones stay silent until a success.
+constexpr int k_logged_connect_failures = 3;
+
+// errno of the last send failure logged at ERROR; 0 re-arms the log. Sender thread only.
+int s_last_send_errno = 0;
+
+struct entry_deleter {
+    void operator()(send_queue_entry_t *entry) const { destroy_send_queue(entry); }
+};
+using entry_ptr = std::unique_ptr<send_queue_entry_t, entry_deleter>;
+
+// Sleeps ms in short steps, returning early once the stop flag is raised, so a stop is not
+// held up by a reconnect wait.
+void sleep_unless_stopped(int ms)
+{
+    for (int left = ms; left > 0 && g_stop_the_world.load() == 0; left -= 100)
+        vk_sleep(left < 100 ? left : 100);
+}
+
+void set_socket_options(int sock)
+{
+    linger lin{};
+    lin.l_onoff = 1;
+    lin.l_linger = DG_LINGER_SECONDS;
+    setsockopt(sock, SOL_SOCKET, SO_LINGER, &lin, sizeof(lin));
+    int on = 1;
+    setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    int idle = k_keepalive_idle_s, interval = k_keepalive_interval_s, count = k_keepalive_count;
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count));
+}
+
+// Starts the sender thread, detached with the worker stack size.
+void start_sender_thread()
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, VK_THREAD_STACK_SIZE);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t tid;
+    run_thread(&tid, &attributes, thr_DGConn_sender, nullptr, "THR_DGCONN_SENDER");
+    pthread_attr_destroy(&attributes);
+}
+
+// One connection attempt with its handshake. Returns the published socket, or 0 after a
+// failure (already logged and waited for). failures counts connect failures in a row.
+int connect_and_identify(int *failures)
+{
+    g_dg_is_connection.store(0);
+    g_dg_sock.store(0);
+    g_remote_conf_is_initialize.store(0);
+    {
+        std::lock_guard<vklock_t> guard(g_send_queue_lock);
+        clear_send_queue();
+    }
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    set_dg_address();
+    if (g_dgconn_slave_info.ip == 0) {
+        VKLOG_ERROR(g_vklog.load(), "[thr_DGConn][reconnect case] Check Option Value. [MGR_RECEIVER_ADDR]\n");
+        sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
+        return 0;
+    }
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    int sock = ConnectDGServer(g_dgconn_slave_info.ip, g_dgconn_slave_info.port);
+    if (sock <= 0) {
+        if (*failures < k_logged_connect_failures) {
+            VKLOG_ERROR(g_vklog.load(),
+                        "[thr_DGConn] Connection failed for DataGather Server. Socket:%d Interval:%d(ms) (%d)\n",
+                        sock, DG_RECONNECT_INTERVAL_MS, errno);
+            (*failures)++;
+        }
+        sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
+        return 0;
+    }
+    VKLOG_INFO(g_vklog.load(), "[thr_DGConn] connection success.\n");
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    int ret = dg_communicate(sock);
+    if (ret != 0) {
+        VKLOG_INFO(g_vklog.load(), "[thr_DGConn] dg_communicate() has failed.[sock:%d,ret:%d]\n", sock, ret);
+        DisconnectDGServer(sock);
+        sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
+        return 0;
+    }
+    VKLOG_DEBUG(g_vklog.load(), "[thr_DGConn] send identity success.\n");
+    g_dg_sock.store(sock); // published before the flag, so no reader sees the flag first
+    g_dg_is_connection.store(1);
+    VKLOG_INFO(g_vklog.load(), "[thr_DGConn] sock(%d),data gather connect(%d)\n", sock, 1);
+    send_req_timesync();
+    *failures = 0;
+    return sock;
+}
+
+} // namespace
+
+// ---- connection thread ------------------------------------------------------------------
+
+void *thr_DGConn(void *)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    set_nio_header_version(2);
+    initialize_agent_info();
+    if (create_send_queue() != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[thr_DGConn] create list failed\n");
+        g_stop_the_world.store(1);
+    }
+    if (g_dgconn_slave_info.ip != 0) {
+        VKLOG_INFO(g_vklog.load(), "[thr_DGConn] receiver=%x:%d [%s]\n", g_dgconn_slave_info.ip,
+                   g_dgconn_slave_info.port, g_dgconn_slave_info.addr_text);
+        start_sender_thread();
+    } else {
+        VKLOG_ERROR(g_vklog.load(), "[thr_DGConn] Check Option Value. [MGR_RECEIVER_ADDR]\n");
+        g_stop_the_world.store(1);
+    }
+    int failures = 0;
+    int sock = 0;
+    while (g_stop_the_world.load() == 0) {
+        if (g_dg_is_connection.load() == 0) {
+            sock = connect_and_identify(&failures);
+            if (sock == 0)
+                continue;
+        }
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+        int ret = processing_socket_dynamic(sock, 1, DG_RECEIVE_WAIT_SECONDS, read_msg_nio, &sock);
+        if (ret >= 0 || ret == -100)
+            continue;
+        DisconnectDGServer(sock);
+        sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
+        VKLOG_INFO(g_vklog.load(), "[thr_DGConn] retry connection ... [ret: %d]\n", ret);
+    }
+    DisconnectDGServer(g_dg_sock.load());
+    VKLOG_INFO(g_vklog.load(), "[thr_DGConn] finish normally.\n");
+    return nullptr;
+}
+
+int open_socket()
+{
+    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+int close_socket(int socket)
+{
+    return close(socket);
+}
+
+int init_sockaddr(sockaddr_in *address, uint32_t ip, int port)
+{
+    if (address == nullptr)
+        return -1;
+    memset(address, 0, sizeof(*address));
+    address->sin_family = AF_INET;
+    address->sin_port = htons(static_cast<uint16_t>(port));
+    // The address travels as dotted text, first octet from the first address byte.
+    const auto *b = reinterpret_cast<const unsigned char *>(&ip);
+    char text[INET_ADDRSTRLEN];
+    snprintf(text, sizeof(text), "%d.%d.%d.%d", b[0], b[1], b[2], b[3]);
+    char resolved[INET6_ADDRSTRLEN];
+    if (getIPFromDomain(text, resolved, sizeof(resolved)) != 0 ||
+        inet_pton(AF_INET, resolved, &address->sin_addr) != 1)
+        return -1;
+    return 0;
+}
+
+int ConnectDGServer(uint32_t ip, int port)
+{
+    int sock = open_socket();
+    if (sock <= 0) {
+        if (sock == 0)
+            close_socket(sock);
+        return -1;
+    }
+    sockaddr_in address;
+    if (init_sockaddr(&address, ip, port) != 0) {
+        close_socket(sock);
+        return -1;
+    }
+    int ret;
+    do {
+        ret = connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    } while (ret < 0 && errno == EINTR);
+    if (ret < 0) {
+        int err = errno;
+        close_socket(sock);
+        errno = err;
+        return ret;
+    }
+    set_socket_options(sock);
+    return sock;
+}
+
+void DisconnectDGServer(int socket)
+{
+    if (socket < 1)
+        return;
+    // Shutting down first ends a write blocked on a peer that stopped reading; closing
+    // under the write lock then keeps a queued packet from reaching a reused descriptor.
+    shutdown(socket, SHUT_RDWR);
+    {
+        std::lock_guard<vklock_t> guard(g_send_lock);
+        g_dg_is_connection.store(0);
+        close_socket(socket);
+    }
+    g_remote_conf_is_initialize.store(0);
+    VKLOG_INFO(g_vklog.load(), "[DisconnectDGServer] sock:%d\n", socket);
+}
+
+int dg_communicate(int socket)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    int ret = send_manager_agent_info(socket);
+    if (ret < 0) {
+        VKLOG_INFO(g_vklog.load(), "[dg_communicate] send_manager_agent_info() has failed.[sock:%d, ret:%d]\n",
+                   socket, ret);
+        return -1;
+    }
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    ret = recv_res_manager_agent_info(socket);
+    if (ret < 0) {
+        VKLOG_INFO(g_vklog.load(), "[dg_communicate] recv_res_manager_agent_info() has failed.[sock:%d, ret:%d]\n",
+                   socket, ret);
+        return -2;
+    }
+    return 0;
+}
+
+int recv_res_manager_agent_info(int socket)
+{
+    return receive_nio_packet(socket, read_msg_nio, &socket);
+}
+
+// ---- send queue ---------------------------------------------------------------------------
+
+int create_send_queue()
+{
+    std::lock_guard<vklock_t> guard(g_send_queue_lock);
+    if (g_send_queue == nullptr)
+        g_send_queue = create_vklist();
+    return g_send_queue != nullptr ? 0 : -1;
+}
+
+void destroy_send_queue(void *entry)
+{
+    auto *e = static_cast<send_queue_entry_t *>(entry);
+    if (e == nullptr)
+        return;
+    free(e->packet);
+    free(e);
+}
+
+int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
+{
+    std::unique_ptr<char, decltype(&free)> owned(packet, &free);
+    if (g_dg_is_connection.load() < 1 || packet == nullptr)
+        return 0;
+    entry_ptr entry(static_cast<send_queue_entry_t *>(calloc(1, sizeof(send_queue_entry_t))));
+    if (!entry)
+        return 0;
+    entry->message_type = message_type;
+    entry->length = length;
+    entry->packet = owned.release();
+    std::lock_guard<vklock_t> guard(g_send_queue_lock);
+    if (g_send_queue == nullptr)
+        return 0;
+    if (count_vklist(g_send_queue) >= SEND_QUEUE_MAX) {
+        g_info_log.fetch_add(1);
+        return 0;
+    }
+    if (g_dg_is_connection.load() > 0 && push_back_vklist(g_send_queue, entry.get()) > 0)
+        entry.release(); // the queue owns it now
+    return 0;
+}
+
+void clear_send_queue()
+{
+    if (g_send_queue == nullptr)
+        return;
+    VKLOG_TRACE(g_vklog_console_debug.load(), "[clear_send_queue] send queue count[%d]\n",
+                static_cast<int>(count_vklist(g_send_queue)));
+    clean_vklist(g_send_queue, destroy_send_queue);
+}
+
+uint32_t get_send_queue_count()
+{
+    std::lock_guard<vklock_t> guard(g_send_queue_lock);
+    return g_send_queue != nullptr ? count_vklist(g_send_queue) : 0;
+}
+
+ssize_t Write(int socket, const void *buffer, size_t length, int flags)
+{
+    if (socket < 0)
+        return static_cast<ssize_t>(length);
+    // A half-written packet would leave the DG reading the next packet from its middle, so
+    // short writes are continued; MSG_NOSIGNAL turns a closed peer into EPIPE, not a signal.
+    const char *p = static_cast<const char *>(buffer);
+    size_t done = 0;
+    while (done < length) {
+        ssize_t n = send(socket, p + done, length - done, flags | MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return done > 0 ? static_cast<ssize_t>(done) : -1;
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+int send_buffer(int socket)
+{
+    vklist_t batch;
+    init_vklist(&batch);
+    {
+        std::lock_guard<vklock_t> guard(g_send_queue_lock);
+        if (g_send_queue != nullptr)
+            move_bulk_vklist(g_send_queue, &batch);
+    }
+    int sent = 0;
+    while (!is_empty_vklist(&batch)) {
+        entry_ptr entry(static_cast<send_queue_entry_t *>(pop_front_vklist(&batch)));
+        if (!entry || entry->message_type == 0)
+            continue;
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN_SENDER);
+        VKLOG_DEBUG(g_vklog.load(), "[send_buffer] send packet number: %d\n", static_cast<int>(entry->message_type));
+        ssize_t n;
+        int err;
+        {
+            std::lock_guard<vklock_t> guard(g_send_lock);
+            if (g_dg_is_connection.load() > 0 && g_dg_sock.load() == socket) {
+                n = Write(socket, entry->packet, entry->length, 0);
+                err = errno;
+            } else {
+                n = -1; // the connection went down since the batch was taken
+                err = ENOTCONN;
+            }
+        }
+        if (n < 1) {
+            VKLOG_INFO(g_vklog.load(), "[send_buffer] send error: %s(%d) (%d)\n", strerror(err), err,
+                       static_cast<int>(n));
+            if (err != s_last_send_errno) {
+                VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00080050] Packet send failed. (%d)\n", err);
+                s_last_send_errno = err;
+            }
+            clean_vklist(&batch, destroy_send_queue);
+            return -1;
+        }
+        s_last_send_errno = 0;
+        sent++;
+    }
+    return sent;
+}
+
+void send_buffer_switch(int state)
+{
+    static constexpr const char *names[] = {"inactive", "active"};
+    auto name = [](int s) { return s == 0 || s == 1 ? names[s] : "unknown"; };
+    std::lock_guard<vklock_t> guard(g_send_lock);
+    int old = g_send_queue_act_flag.load();
+    if (state == old)
+        return;
+    if (state == 0) {
+        std::lock_guard<vklock_t> queue_guard(g_send_queue_lock);
+        clear_send_queue();
+    }
+    VKLOG_TRACE(g_vklog_console_debug.load(), "[send_buffer_switch] change stat[%s->%s]\n", name(old), name(state));
+    g_send_queue_act_flag.store(state);
+}
+
+void *thr_DGConn_sender(void *)
+{
+    int failures = 0;
+    while (g_stop_the_world.load() == 0) {
+        VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN_SENDER);
+        if (g_dg_is_connection.load() > 0) {
+            int ret = send_buffer(g_dg_sock.load());
+            if (ret > 0) {
+                failures = 0;
+            } else if (ret == -3 && failures <= 2) {
+                // send_buffer reports failure as -1, so this stays silent: its own lines
+                // report the failure. Kept as a reserved report.
+                VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00060010] Packet send failed.\n");
+                failures++;
+            }
+        }
+        vk_sleep(SENDER_INTERVAL_MS);
+    }
+    VKLOG_INFO(g_vklog.load(), "[thr_DGConn_sender] finish normally.\n");
+    return nullptr;
+}

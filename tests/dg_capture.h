@@ -1,0 +1,125 @@
+// Shared by the unit tests of the connection and command units: a fake DG connection. The
+// agent's end of a socketpair is published as the connected DG socket; what the agent
+// writes (directly or through the send queue) is read back from the other end, framed and
+// decoded with Google's protobuf library (the reference schema), never the agent's codec.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dg_protocol.pb.h"
+#include "thr_dgconn.h"
+
+namespace dg_capture
+{
+
+struct packet_t {
+    std::vector<uint8_t> header; // 23 bytes
+    std::string body;
+    int type() const { return (header[12] << 8) | header[13]; }
+    uint32_t length() const
+    {
+        return (uint32_t{header[8]} << 24) | (uint32_t{header[9]} << 16) | (uint32_t{header[10]} << 8) | header[11];
+    }
+    template <typename M> M decode() const
+    {
+        M message;
+        EXPECT_TRUE(message.ParseFromString(body)) << "type " << type();
+        return message;
+    }
+};
+
+// A published fake connection; tears the connection state down again on the way out.
+struct fake_dg {
+    int agent = -1, dg = -1;
+
+    fake_dg()
+    {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
+            return;
+        agent = fds[0];
+        dg = fds[1];
+        fcntl(dg, F_SETFL, O_NONBLOCK);
+        EXPECT_EQ(create_send_queue(), 0);
+        publish();
+    }
+    // Marks the agent's end as the connected DG socket again; a fixture member calls this
+    // after the home fixture's start-up reset, which clears the connection flags.
+    void publish()
+    {
+        g_dg_sock.store(agent);
+        g_dg_is_connection.store(1);
+    }
+    ~fake_dg()
+    {
+        g_dg_is_connection.store(0);
+        g_dg_sock.store(0);
+        {
+            std::lock_guard<vklock_t> guard(g_send_queue_lock);
+            clear_send_queue();
+        }
+        if (agent >= 0)
+            close(agent);
+        if (dg >= 0)
+            close(dg);
+    }
+    fake_dg(const fake_dg &) = delete;
+    fake_dg &operator=(const fake_dg &) = delete;
+
+    // Writes the queued packets (send_buffer) and returns every packet that reached the DG
+    // end since the last call, in order.
+    std::vector<packet_t> drain()
+    {
+        if (g_dg_is_connection.load() > 0)
+            send_buffer(agent);
+        std::string bytes;
+        char buf[65536];
+        for (ssize_t n; (n = read(dg, buf, sizeof(buf))) > 0;)
+            bytes.append(buf, static_cast<size_t>(n));
+        std::vector<packet_t> packets;
+        size_t pos = 0;
+        while (bytes.size() - pos >= 23) {
+            packet_t p;
+            p.header.assign(bytes.begin() + pos, bytes.begin() + pos + 23);
+            size_t total = 12 + p.length();
+            if (bytes.size() - pos < total)
+                break;
+            p.body = bytes.substr(pos + 23, total - 23);
+            packets.push_back(std::move(p));
+            pos += total;
+        }
+        EXPECT_EQ(pos, bytes.size()) << "a packet arrived cut";
+        return packets;
+    }
+
+    // The command results among the packets drained now.
+    std::vector<dg::res_command_message> results()
+    {
+        std::vector<dg::res_command_message> out;
+        for (const packet_t &p : drain())
+            if (p.type() == 60002)
+                out.push_back(p.decode<dg::res_command_message>());
+        return out;
+    }
+};
+
+// A packet of type `type` around body, as the DG frames it.
+inline std::string dg_packet(int type, const std::string &body)
+{
+    uint32_t length = static_cast<uint32_t>(body.size()) + 11;
+    std::string p = {'\xF9', '\xF2', '\xF8', 2, 4, 0, 0, 0, static_cast<char>(length >> 24),
+                     static_cast<char>(length >> 16), static_cast<char>(length >> 8), static_cast<char>(length),
+                     static_cast<char>(type >> 8), static_cast<char>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    return p + body;
+}
+
+} // namespace dg_capture

@@ -1,0 +1,124 @@
+// Tests of the send queue and the connection helpers: what the queue accepts and drops, how
+// a failed write ends its batch, the once-per-errno error line, and connecting to a local
+// listener.
+#include "thr_dgconn.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include "agent_home.h"
+#include "dg_capture.h"
+
+namespace
+{
+
+using dg_capture::fake_dg;
+
+// A packet of `size` bytes whose first byte tells it apart.
+char *packet_of(char tag, size_t size = 32)
+{
+    char *p = static_cast<char *>(malloc(size));
+    memset(p, tag, size);
+    return p;
+}
+
+class SendQueue : public agent_home::AgentHomeTest
+{
+};
+
+TEST_F(SendQueue, AcceptsOnlyWhileConnectedAndDropsBeyondTheBound)
+{
+    fake_dg dg;
+    g_dg_is_connection.store(0);
+    add_to_send_buffer(1, packet_of('a'), 32); // freed at once (ASan would see a leak)
+    EXPECT_EQ(get_send_queue_count(), 0u);
+    g_dg_is_connection.store(1);
+    add_to_send_buffer(1, nullptr, 0);
+    EXPECT_EQ(get_send_queue_count(), 0u);
+
+    uint32_t dropped = g_info_log.load();
+    for (uint32_t i = 0; i < SEND_QUEUE_MAX + 1; i++)
+        add_to_send_buffer(7, packet_of('q', 23), 23);
+    EXPECT_EQ(get_send_queue_count(), SEND_QUEUE_MAX);
+    EXPECT_EQ(g_info_log.load(), dropped + 1) << "the 2001st packet is counted as dropped";
+
+    // A type-0 entry is never written; the rest go out whole and in order.
+    {
+        std::lock_guard<vklock_t> guard(g_send_queue_lock);
+        clear_send_queue();
+    }
+    add_to_send_buffer(0, packet_of('z'), 32);
+    add_to_send_buffer(5, packet_of('b', 40), 40);
+    EXPECT_EQ(send_buffer(dg.agent), 1);
+    char buf[128];
+    EXPECT_EQ(read(dg.dg, buf, sizeof(buf)), 40);
+    EXPECT_EQ(std::string(buf, 40), std::string(40, 'b'));
+    EXPECT_EQ(get_send_queue_count(), 0u);
+}
+
+TEST_F(SendQueue, FailedWriteEndsItsBatchAndLogsEachErrnoOnce)
+{
+    fake_dg dg;
+    char buf[64];
+    add_to_send_buffer(1, packet_of('a'), 32);
+    add_to_send_buffer(1, packet_of('b'), 32);
+    EXPECT_EQ(send_buffer(dg.agent), 2);
+    EXPECT_EQ(read(dg.dg, buf, sizeof(buf)), 64);
+
+    shutdown(dg.agent, SHUT_WR); // every write now fails with EPIPE
+    for (int round = 0; round < 2; round++) {
+        add_to_send_buffer(1, packet_of('c'), 32);
+        add_to_send_buffer(1, packet_of('d'), 32);
+        EXPECT_EQ(send_buffer(dg.agent), -1);
+        EXPECT_EQ(get_send_queue_count(), 0u) << "the rest of the batch is discarded";
+    }
+    EXPECT_EQ(log_count("[send_buffer] send error: "), 2u);
+    EXPECT_EQ(log_count("[KTR-OSM-00080050] Packet send failed. (" + std::to_string(EPIPE) + ")"), 1u);
+
+    // A success re-arms the error line: the next failure logs it again.
+    fake_dg fresh;
+    add_to_send_buffer(1, packet_of('e'), 32);
+    EXPECT_EQ(send_buffer(fresh.agent), 1);
+    shutdown(fresh.agent, SHUT_WR);
+    add_to_send_buffer(1, packet_of('f'), 32);
+    EXPECT_EQ(send_buffer(fresh.agent), -1);
+    EXPECT_EQ(log_count("[KTR-OSM-00080050] Packet send failed. (" + std::to_string(EPIPE) + ")"), 2u);
+
+    // A batch taken before the connection went down is not written to the old socket.
+    add_to_send_buffer(1, packet_of('g'), 32);
+    g_dg_sock.store(dg.agent + 1000);
+    EXPECT_EQ(send_buffer(fresh.agent), -1);
+}
+
+TEST(DGConnection, ConnectsToAListenerAndRefusesAClosedPort)
+{
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(address);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&address), &len), 0);
+    const int port = ntohs(address.sin_port);
+
+    int sock = ConnectDGServer(address.sin_addr.s_addr, port);
+    ASSERT_GT(sock, 0);
+    linger lin{};
+    socklen_t lin_len = sizeof(lin);
+    ASSERT_EQ(getsockopt(sock, SOL_SOCKET, SO_LINGER, &lin, &lin_len), 0);
+    EXPECT_EQ(lin.l_onoff, 1);
+    EXPECT_EQ(lin.l_linger, DG_LINGER_SECONDS);
+    EXPECT_EQ(fcntl(sock, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << "scripts must not inherit the DG socket";
+    g_dg_is_connection.store(1);
+    DisconnectDGServer(sock);
+    EXPECT_EQ(g_dg_is_connection.load(), 0);
+    EXPECT_EQ(fcntl(sock, F_GETFD), -1) << "closed";
+
+    close(listener); // nothing listens on the port now
+    EXPECT_LT(ConnectDGServer(address.sin_addr.s_addr, port), 0);
+    EXPECT_EQ(Write(-1, "x", 1, 0), 1) << "a negative socket reports the length unwritten";
+}
+
+} // namespace
