@@ -2,8 +2,20 @@
 // fill them (set_command, patch_command, del_command, write_file_from_chunk).
 #include "command_handler.h"
 
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <mutex>
 
+#include "command_util.h"
+#include "global_var.h"
+#include "pkt_proto/proto_send.h"
+#include "signal_ctl.h"
+#include "vk_string.h"
+#include "vk_time.h"
 #include "vklog.h"
 
 cmd_info_t g_cmd_info[CMD_INFO_COUNT];
@@ -52,4 +64,363 @@ int command_stop_requested(const cmd_info_t *record)
     if (record == nullptr)
         return 0;
     return __atomic_load_n(&record->status, __ATOMIC_ACQUIRE) == CMD_STATUS_STOP ? 1 : 0;
+}
+
+// ---- intake ---------------------------------------------------------------------------------
+
+namespace
+{
+
+struct item_deleter {
+    void operator()(patch_item_t *item) const { free(item); }
+};
+using item_ptr = std::unique_ptr<patch_item_t, item_deleter>;
+
+// The map key of an agent id: its first 63 characters, zero-padded to 64 bytes.
+struct patch_key_t {
+    char bytes[PATCH_KEY_LEN] = {};
+    explicit patch_key_t(const char *agent_id) { vk_strlcpy(bytes, agent_id != nullptr ? agent_id : ""); }
+};
+
+// Timeouts above INT32_MAX ms (24 days) are kept at that: the record holds a signed value,
+// and a wrapped negative one would end every run at once.
+int32_t clamp_timeout(uint32_t timeout)
+{
+    return timeout > static_cast<uint32_t>(INT32_MAX) ? INT32_MAX : static_cast<int32_t>(timeout);
+}
+
+// Copies the request's identifiers, users, paths and time-out into record; the received
+// time is now.
+void fill_record(cmd_info_t &record, const req_command_message_t *msg)
+{
+    vk_strlcpy(record.execution_id, msg->execution_id);
+    vk_strlcpy(record.command_id, msg->command_id);
+    record.cmd_type = msg->cmd_type;
+    vk_strlcpy(record.agent_id, msg->agent_id);
+    record.agent_type = msg->agent_type;
+    vk_strlcpy(record.install_username, msg->install_username);
+    vk_strlcpy(record.install_path, msg->install_path);
+    vk_strlcpy(record.run_username, msg->run_username);
+    vk_strlcpy(record.run_path, msg->run_path);
+    record.timeout = clamp_timeout(msg->timeout);
+    record.received_time = static_cast<uint64_t>(vk_get_time_msec());
+}
+
+// Sets the record's result and text, sends it with phase and clears the text again.
+template <typename... Args>
+void report(cmd_info_t &record, int result, int phase, const char *format, Args... args)
+{
+    record.result = result;
+    snprintf(record.result_message, sizeof(record.result_message), format, args...);
+    send_res_command(&record, phase);
+    memset(record.result_message, 0, sizeof(record.result_message));
+}
+
+void log_request(const char *func, int idx, const req_command_message_t *msg, const cmd_info_t &record)
+{
+    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][proto ] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
+               func, idx, msg->execution_id, msg->agent_id, msg->agent_type, msg->cmd_type,
+               cmd_type_name(msg->cmd_type), static_cast<int>(msg->timeout));
+    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][struct] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
+               func, idx, record.execution_id, record.agent_id, record.agent_type, record.cmd_type,
+               cmd_type_name(record.cmd_type), record.timeout);
+    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][proto ] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
+               func, idx, msg->install_username, msg->install_path, msg->run_username, msg->run_path);
+    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][struct] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
+               func, idx, record.install_username, record.install_path, record.run_username, record.run_path);
+}
+
+// A patch file name must name one file directly under tmp: no path, no "." or "..", no
+// character a shell would read as syntax (the name becomes part of the setup command line),
+// and short enough to be kept whole.
+bool patch_file_name_allowed(const char *name)
+{
+    std::string_view n(name);
+    if (n.empty() || n == "." || n == ".." || n.size() >= sizeof(cmd_info_t::file_name))
+        return false;
+    for (char c : n) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  std::string_view("._-+@=,").find(c) != std::string_view::npos;
+        if (!ok)
+            return false;
+    }
+    return true;
+}
+
+// The transfer (other than skip) that writes file_path, if any. Caller holds g_hash_lock.
+bool patch_file_in_use(const char *file_path)
+{
+    uint64_t cursor = MAP_CURSOR_START;
+    for (void *value = nullptr;;) {
+        value = nullptr;
+        map_get_next_node(&g_patch_list_map, &cursor, &value);
+        if (value == nullptr)
+            return false;
+        if (strcmp(static_cast<patch_item_t *>(value)->file_path, file_path) == 0)
+            return true;
+    }
+}
+
+// Refusal of a patch_start, sent like the "already in progress" answer.
+template <typename... Args> void refuse_patch(const req_command_message_t *msg, const char *format, Args... args)
+{
+    cmd_info_t ack{};
+    vk_strlcpy(ack.execution_id, msg->execution_id);
+    vk_strlcpy(ack.command_id, msg->command_id);
+    ack.cmd_type = msg->cmd_type;
+    ack.agent_type = msg->agent_type;
+    report(ack, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, format, args...);
+}
+
+// Ends a transfer: closes its file and removes the item (freeing it). When the partly
+// written file belongs to no queued command it is removed as well. Caller holds g_hash_lock.
+void end_transfer(patch_item_t *item, bool remove_file)
+{
+    if (item->file != nullptr) {
+        fclose(item->file);
+        item->file = nullptr;
+    }
+    if (remove_file)
+        unlink(item->file_path);
+    patch_key_t key(item->key);
+    map_item_delete(&g_patch_list_map, key.bytes, PATCH_KEY_LEN);
+}
+
+} // namespace
+
+int set_command(const req_command_message_t *msg)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    auto record = std::make_unique<cmd_info_t>();
+    fill_record(*record, msg);
+    int idx;
+    {
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        idx = g_cmd_info_end;
+    }
+    log_request("set_command", idx, msg, *record);
+    report(*record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Success received the command(%s)",
+           cmd_type_name(record->cmd_type));
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    cmd_ring_push_locked(*record, "set_command");
+    return 0;
+}
+
+int patch_command(const req_command_message_t *msg)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
+    patch_key_t key(msg->agent_id);
+    void *found = nullptr;
+    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) == 1) {
+        VKLOG_INFO(g_vklog.load(), "[set_patch_command] The patch is already in progress agent_id(%s)\n", msg->agent_id);
+        refuse_patch(msg, "[agent manager] The patch is already in progress agent_id(%s)", msg->agent_id);
+        return 0;
+    }
+    const file_info_t *file = msg->target_file_info;
+    if (file == nullptr) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] no file information. agent_id(%s)\n", msg->agent_id);
+        refuse_patch(msg, "[agent manager] patch file information does not exist agent_id(%s)", msg->agent_id);
+        return 0;
+    }
+    if (!patch_file_name_allowed(file->file_name)) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] file name refused. agent_id(%s) file_name[%s]\n", msg->agent_id,
+                    file->file_name);
+        refuse_patch(msg, "[agent manager] patch file name is not allowed (%s)", file->file_name);
+        return 0;
+    }
+    item_ptr item(static_cast<patch_item_t *>(calloc(1, sizeof(patch_item_t))));
+    if (!item) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
+        return 0;
+    }
+    memcpy(item->key, key.bytes, PATCH_KEY_LEN);
+    int n = snprintf(item->file_path, sizeof(item->file_path), "%s/tmp/%s", g_vk_manager_home, file->file_name);
+    if (n >= static_cast<int>(sizeof(item->file_path))) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] file path too long. agent_id(%s) file_name[%s]\n", msg->agent_id,
+                    file->file_name);
+        refuse_patch(msg, "[agent manager] patch file path is too long (%s)", file->file_name);
+        return 0;
+    }
+    if (patch_file_in_use(item->file_path)) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] file in use by another transfer. agent_id(%s) file_name[%s]\n",
+                    msg->agent_id, file->file_name);
+        refuse_patch(msg, "[agent manager] patch file(%s) is in use by another transfer", file->file_name);
+        return 0;
+    }
+    cmd_info_t &record = item->command;
+    fill_record(record, msg);
+    const int count = msg->target_agent_infos.length;
+    record.option_count = count < CMD_OPTION_COUNT ? count : CMD_OPTION_COUNT;
+    for (int i = 0; i < count; i++) {
+        const pbtools_map_entry_t &pair = msg->target_agent_infos.items_p[i];
+        VKLOG_INFO(g_vklog.load(), "[patch_command] [proto ] [%d] key[%s] value[%s]\n", i, pair.key, pair.value);
+        if (i < CMD_OPTION_COUNT) {
+            vk_strlcpy(record.options[i].key, pair.key);
+            vk_strlcpy(record.options[i].value, pair.value);
+        }
+    }
+    vk_strlcpy(record.file_name, file->file_name);
+    item->buffer_index = -1;
+    item->file = nullptr;
+    item->file_size = static_cast<int64_t>(file->file_size);
+    log_request("patch_command", -1, msg, record);
+    VKLOG_INFO(g_vklog.load(), "[patch_command] file_name[%s] file_size[%d] size[%d]\n", record.file_name,
+               static_cast<int>(file->file_size), static_cast<int>(item->file_size));
+    report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Chunk file install Start (%s)",
+           record.file_name);
+    if (map_setat(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, item.get()) < 0) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
+        return 0;
+    }
+    item.release(); // the map owns it now
+    VKLOG_INFO(g_vklog.load(), "[set_patch_command] Adding an item to a hash map\n");
+    return 0;
+}
+
+int del_command(const req_command_message_t *msg)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    auto ack = std::make_unique<cmd_info_t>();
+    vk_strlcpy(ack->execution_id, msg->execution_id);
+    vk_strlcpy(ack->agent_id, msg->agent_id);
+    ack->agent_type = msg->agent_type;
+    vk_strlcpy(ack->command_id, msg->command_id);
+    ack->cmd_type = CMD_PATCH_STOP;
+    VKLOG_INFO(g_vklog.load(), "[del_command] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n",
+               ack->execution_id, ack->agent_id, ack->agent_type, ack->cmd_type, cmd_type_name(ack->cmd_type));
+    report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Successfully received the command(%s)",
+           cmd_type_name(ack->cmd_type));
+
+    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
+    patch_key_t key(msg->agent_id);
+    void *found = nullptr;
+    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) != 1) {
+        report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE, "[agent manager] command(%s) to delete does not exist",
+               cmd_type_name(ack->cmd_type));
+        return 0;
+    }
+    auto *item = static_cast<patch_item_t *>(found);
+    bool remove_file = false;
+    if (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT) {
+        std::lock_guard<vklock_t> command_guard(g_command_lock);
+        const int idx = item->buffer_index;
+        cmd_info_t &queued = g_cmd_info[idx];
+        const bool same = strcmp(queued.execution_id, ack->execution_id) == 0;
+        const char *line = same ? "[del_command] execution_id is same. idx[%d] msg_execution_id[%s] buf_execution_id[%s] "
+                                  "status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n"
+                                : "[del_command] execution_id is different. idx[%d] msg_execution_id[%s] "
+                                  "buf_execution_id[%s] status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n";
+        VKLOG_AT(g_vklog.load(), same ? VKLOG_LEVEL_INFO : VKLOG_LEVEL_ERROR, line, idx, ack->execution_id,
+                 queued.execution_id, queued.status, cmd_status_name(queued.status), queued.agent_id,
+                 queued.agent_type, queued.cmd_type, cmd_type_name(queued.cmd_type));
+        if (!same) {
+            report(*ack, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
+                   "[agent manager] execution id is incoreect (Expected execution id %s / received execution id %s)",
+                   ack->execution_id, ack->execution_id);
+            return 0;
+        }
+        if (queued.status == CMD_STATUS_USED) {
+            VKLOG_INFO(g_vklog.load(), "[del_command] command is not running. idx[%d] status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n",
+                       idx, queued.status, cmd_status_name(queued.status), queued.agent_id, queued.agent_type,
+                       queued.cmd_type, cmd_type_name(queued.cmd_type));
+            queued.status = CMD_STATUS_EMPTY;
+            queued.cmd_type = CMD_PATCH_STOP;
+            report(queued, CMD_RESULT_SUCCESS, CMD_PHASE_DONE,
+                   "[agent manager] command(%s) delete success. No commands are in progress yet",
+                   cmd_type_name(queued.cmd_type));
+            memset(&queued, 0, sizeof(queued));
+            remove_file = true; // the patch program will not run now
+        } else if (queued.status == CMD_STATUS_RUN || queued.status == CMD_STATUS_STOP) {
+            // The running script is ended by the script runner, which watches this status;
+            // the command thread then reports the outcome under the stop's identifiers.
+            VKLOG_INFO(g_vklog.load(), "[del_command] command is running. idx[%d] status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n",
+                       idx, queued.status, cmd_status_name(queued.status), queued.agent_id, queued.agent_type,
+                       queued.cmd_type, cmd_type_name(queued.cmd_type));
+            queued.status = CMD_STATUS_STOP;
+            vk_strlcpy(queued.execution_id, msg->execution_id);
+            vk_strlcpy(queued.command_id, msg->command_id);
+        }
+    } else {
+        VKLOG_INFO(g_vklog.load(), "[del_command] command(%s) delete success. Stop Patch File Download Chunk [%d] index\n",
+                   cmd_type_name(ack->cmd_type), static_cast<int>(item->last_chunk_index));
+        report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE,
+               "[agent_manager] command(%s) delete success. Stop Patch File Download Chunk [%llu] index",
+               cmd_type_name(ack->cmd_type), static_cast<unsigned long long>(item->last_chunk_index));
+        remove_file = true;
+    }
+    end_transfer(item, remove_file);
+    return 0;
+}
+
+int write_file_from_chunk(const req_file_chunk_message_t *chunk)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    patch_key_t key(chunk->agent_id);
+    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
+    void *found = nullptr;
+    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) != 1) {
+        VKLOG_INFO(g_vklog.load(), "[write_file_from_chunk] no hash item in write_file_from_chunk\n");
+        return 0;
+    }
+    auto *item = static_cast<patch_item_t *>(found);
+    cmd_info_t &record = item->command;
+    if (strcmp(chunk->execution_id, record.execution_id) != 0) {
+        VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] execution id of the chunk packet is incorrect. received execution_id[%s] item->execution_id[%s]\n",
+                    chunk->execution_id, record.execution_id);
+        auto copy = std::make_unique<cmd_info_t>(record);
+        memset(copy->agent_id, 0, sizeof(copy->agent_id));
+        vk_strlcpy(copy->agent_id, chunk->agent_id);
+        memset(copy->execution_id, 0, sizeof(copy->execution_id));
+        vk_strlcpy(copy->execution_id, chunk->execution_id);
+        report(*copy, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, "%s",
+               "[agent manager] execution id of the chunk packet is incorrect.");
+        return 0;
+    }
+    if (item->buffer_index != -1) {
+        // The file is complete and its command queued: a late chunk must not touch it.
+        VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] transfer already complete. agent_id[%s] chunk[%llu/%llu] dropped\n",
+                    record.agent_id, static_cast<unsigned long long>(chunk->chunk_index),
+                    static_cast<unsigned long long>(chunk->chunk_count));
+        return 0;
+    }
+    if (check_chunk_validity(chunk, item, &record) != 0 || item->file == nullptr) {
+        record.result = CMD_RESULT_FAIL;
+        send_res_command(&record, CMD_PHASE_IN_PROGRESS);
+        end_transfer(item, true);
+        return 0;
+    }
+    size_t written = chunk->chunk_size > 0 ? fwrite(chunk->chunk_data.buf_p, 1, chunk->chunk_size, item->file) : 0;
+    item->bytes_received += written;
+    VKLOG_INFO(g_vklog.load(), "[write_file_from_chunk] agent_id[%s] chunk[%d/%d] chunk_size[%d] write_size[%d/%d]\n",
+               record.agent_id, static_cast<int>(chunk->chunk_index), static_cast<int>(chunk->chunk_count),
+               static_cast<int>(chunk->chunk_size), static_cast<int>(item->bytes_received),
+               static_cast<int>(item->file_size));
+    if (chunk->chunk_index == chunk->chunk_count) {
+        // Buffered bytes count as written until the file is closed: a full disk shows up
+        // here, and is reported as a size mismatch.
+        FILE *file = item->file;
+        item->file = nullptr;
+        bool closed = fclose(file) == 0;
+        if (!closed || item->bytes_received != static_cast<uint64_t>(item->file_size)) {
+            const long long announced = chunk->target_file_info != nullptr
+                                            ? static_cast<long long>(chunk->target_file_info->file_size)
+                                            : 0;
+            VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] reqFileChunkMessage file_size[%d]\n",
+                        static_cast<int>(announced));
+            VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] file_name[%s] make failed. write size[%d] != file size[%d]\n",
+                        record.file_name, static_cast<int>(item->bytes_received), static_cast<int>(item->file_size));
+            report(record, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, "[agent manager] file(%s) write size failed",
+                   item->file_path);
+            end_transfer(item, true);
+            return 0;
+        }
+        report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] file(%s) write success",
+               item->file_path);
+        record.status = CMD_STATUS_USED;
+        std::lock_guard<vklock_t> command_guard(g_command_lock);
+        item->buffer_index = cmd_ring_push_locked(record, "write_file_from_chunk");
+    }
+    item->last_chunk_index++;
+    return 0;
 }

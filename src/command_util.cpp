@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -20,6 +21,7 @@
 #include "signal_ctl.h"
 #include "thr_command.h"
 #include "util.h"
+#include "vk_file.h"
 #include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
@@ -443,4 +445,73 @@ int run_script(cmd_info_t *record, int run_type)
     read_end.fd = -1;
     reap_child(pid);
     return rc;
+}
+
+// ---- chunk check ----------------------------------------------------------------------------
+
+namespace
+{
+
+// Creates the patch file of item afresh with mode 0755: never through a link planted in
+// tmp, and writable by no one else at any moment. Returns the stream, or null.
+FILE *create_patch_file(const patch_item_t *item)
+{
+    int fd = vk_create_file_fresh(item->file_path, 0755);
+    if (fd < 0)
+        return nullptr;
+    FILE *file = fdopen(fd, "wb");
+    if (file == nullptr)
+        close(fd);
+    return file;
+}
+
+} // namespace
+
+int check_chunk_validity(const req_file_chunk_message_t *chunk, patch_item_t *item, cmd_info_t *record)
+{
+    VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    // A chunk_size beyond the data carried would make the write read past the message.
+    if (chunk->chunk_size > chunk->chunk_data.size) {
+        VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] chunk size is larger than the chunk data. chunk_size[%llu] chunk_data[%llu]\n",
+                    static_cast<unsigned long long>(chunk->chunk_size),
+                    static_cast<unsigned long long>(chunk->chunk_data.size));
+        snprintf(record->result_message, sizeof(record->result_message),
+                 "[agent manager] chunk size is incorrect (chunk_size %llu / chunk data %llu)",
+                 static_cast<unsigned long long>(chunk->chunk_size),
+                 static_cast<unsigned long long>(chunk->chunk_data.size));
+        return 1;
+    }
+    // Chunk 1 opens the file once; a repeated first chunk is refused below by the order
+    // check without truncating what was written.
+    if (chunk->chunk_index == 1 && item->last_chunk_index == 0 && item->file == nullptr) {
+        item->file = create_patch_file(item);
+        if (item->file == nullptr) {
+            VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] idx[%d] setup_file_name[%s] make failed. file size[%d]\n",
+                        static_cast<int>(chunk->chunk_index), item->file_path, static_cast<int>(item->file_size));
+            snprintf(record->result_message, sizeof(record->result_message),
+                     "[agent manager] file(%s) write(fopen) failed", item->file_path);
+            return 1;
+        }
+    }
+    if (chunk->chunk_index == item->last_chunk_index + 1) {
+        const uint64_t now = static_cast<uint64_t>(vk_get_time_msec());
+        const uint64_t elapsed = now - record->received_time;
+        if (now > record->received_time && elapsed > static_cast<uint64_t>(record->timeout)) {
+            VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] The Install of the chunk Timeout. now_time[%llu] target_timeout[%d]\n",
+                        static_cast<unsigned long long>(elapsed), record->timeout);
+            snprintf(record->result_message, sizeof(record->result_message),
+                     "[agent manager] The Install of the chunk Timeout. now_time[%llu] target_timeout[%d]",
+                     static_cast<unsigned long long>(elapsed), record->timeout);
+            return 1;
+        }
+        return 0;
+    }
+    VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] The order of the chunk index is incorrect. chunk_index[%llu] item->chunk_index[%llu]\n",
+                static_cast<unsigned long long>(chunk->chunk_index),
+                static_cast<unsigned long long>(item->last_chunk_index));
+    snprintf(record->result_message, sizeof(record->result_message),
+             "[agent manager] chunk oreder is incoreect (Expected value %llu / received value %llu)",
+             static_cast<unsigned long long>(item->last_chunk_index + 1),
+             static_cast<unsigned long long>(chunk->chunk_index));
+    return 1;
 }

@@ -28,7 +28,8 @@ inline constexpr int RUN_SCRIPT_KILL_GRACE_MS = 2000;
 // to record->result_message and record->result is set. Returns
 //    0 "vkSuccess" printed (and no "vkError");
 //   -1 no pipe;  -2 no fork;
-//  -97 "vkError" printed, neither keyword, or the wait failed;
+//  -97 "vkError" printed, neither keyword, the wait failed, or no command line (unknown run
+//      type, longer than 1023 characters);
 //  -98 stopped on request (command_stop_requested);  -99 timed out.
 // The script's whole process group is ended on a stop or time-out, and the child is reaped.
 int run_script(cmd_info_t *record, int run_type);
