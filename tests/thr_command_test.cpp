@@ -1,0 +1,205 @@
+// Tests of command execution: the prefix template, the root rule, the install-information
+// file, and execute_command working off the ring with real scripts (restart, stop, a full
+// patch, a failed stop, a refused prefix or root rule) and reporting one "done" result each.
+#include "thr_command.h"
+
+#include <sys/stat.h>
+
+#include "agent_home.h"
+#include "dg_capture.h"
+#include "vk_string.h"
+
+using daemon_support::read_file;
+using daemon_support::write_file;
+
+namespace
+{
+
+using dg_capture::fake_dg;
+
+const char *const k_agent = "7d1e5a3c-2b4f-4a6e-8c9d-0e1f2a3b4c5d";
+
+TEST(ConvertEnvToCmd, TemplateCases)
+{
+    struct conversion {
+        const char *tmpl;
+        const char *user;
+        int ret;
+        const char *out;
+    } cases[] = {
+        {"sudo -u ${run_user_name}", "app", 1, "sudo -u app"},
+        {"${run_user_name}:${run_user_name} x", "svc", 1, "svc:svc x"},
+        {"nice -n 5", "app", 1, "nice -n 5"},
+        {"", "app", 0, ""},
+        {"sudo -u ${other}", "app", -3, ""},
+        {"sudo -u ${run_user_name", "app", -2, ""},
+        {"sudo -u ${run_user_name}", "app;reboot", -4, ""},
+    };
+    for (const conversion &c : cases) {
+        char out[CUSTOM_PREFIX_SIZE] = {};
+        EXPECT_EQ(convert_env_to_cmd(c.tmpl, out, c.user), c.ret) << c.tmpl;
+        if (c.ret >= 0) {
+            EXPECT_STREQ(out, c.out) << c.tmpl;
+        }
+    }
+    char out[CUSTOM_PREFIX_SIZE] = {};
+    EXPECT_EQ(convert_env_to_cmd(nullptr, out, "app"), -1);
+    EXPECT_EQ(convert_env_to_cmd(std::string(600, 'x').c_str(), out, "app"), 1);
+    EXPECT_EQ(strlen(out), 511u) << "the template is cut at 511 characters";
+}
+
+class Execute : public agent_home::AgentHomeTest
+{
+  protected:
+    void SetUp() override
+    {
+        agent_home::AgentHomeTest::SetUp();
+        dg.publish();
+        ASSERT_EQ(init_chunk_hash(), 0);
+        run_path = dir.path + "/agent";
+        ASSERT_EQ(mkdir(run_path.c_str(), 0755), 0);
+        script("stop.sh", "echo stopping; echo vkSuccess");
+        script("start.sh", "echo starting; echo vkSuccess");
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        memset(g_cmd_info, 0, sizeof(g_cmd_info));
+        g_cmd_info_start = g_cmd_info_end = 0;
+        g_cmd_info_count.store(0);
+        std::lock_guard<vklock_t> json(g_json_lock);
+        g_json_prefix_option[0] = '\0';
+        g_json_agent_count = 0;
+    }
+    void TearDown() override
+    {
+        std::lock_guard<vklock_t> guard(g_hash_lock);
+        map_destroy(&g_patch_list_map);
+        agent_home::AgentHomeTest::TearDown();
+    }
+    void script(const std::string &name, const std::string &body, const std::string &where = "")
+    {
+        std::string path = (where.empty() ? run_path : where) + "/" + name;
+        write_file(path, "#!/bin/sh\necho \"$0 $*\" >> " + dir.path + "/order\n" + body + "\n");
+        chmod(path.c_str(), 0755);
+    }
+    cmd_info_t command(int cmd_type, const char *exec)
+    {
+        cmd_info_t c{};
+        c.cmd_type = cmd_type;
+        vk_strlcpy(c.execution_id, exec);
+        vk_strlcpy(c.command_id, "c-", sizeof(c.command_id));
+        vk_strlcpy(c.agent_id, k_agent);
+        vk_strlcpy(c.run_path, run_path);
+        vk_strlcpy(c.run_username, "app");
+        vk_strlcpy(c.install_username, "app");
+        vk_strlcpy(c.install_path, "/opt/quil/agent");
+        c.agent_type = 7;
+        c.timeout = 10000;
+        c.result = CMD_RESULT_SUCCESS; // as left by the acknowledgement
+        return c;
+    }
+    void queue(const cmd_info_t &c)
+    {
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        cmd_ring_push_locked(c, "test");
+    }
+    std::string order() { return read_file(dir.path + "/order"); }
+
+    std::string run_path;
+    fake_dg dg;
+};
+
+TEST_F(Execute, RestartStopAndAFailedStop)
+{
+    queue(command(CMD_AGENT_RESTART, "r1"));
+    queue(command(CMD_AGENT_STOP, "s1"));
+    queue(command(9, "u1"));
+    EXPECT_EQ(execute_command(), 0);
+    auto r = dg.results();
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].phase_type(), 2);
+    EXPECT_EQ(r[0].result(), 1);
+    EXPECT_EQ(r[0].result_message(), "stopping\nvkSuccess\nstarting\nvkSuccess\n");
+    EXPECT_EQ(r[1].result_message(), "stopping\nvkSuccess\n");
+    EXPECT_EQ(r[2].result(), 2) << "a type without scripts is not reported as a success";
+    EXPECT_EQ(order(), run_path + "/stop.sh \n" + run_path + "/start.sh \n" + run_path + "/stop.sh \n");
+    EXPECT_EQ(g_cmd_info_count.load(), 0);
+    EXPECT_EQ(g_cmd_info_start, 3);
+
+    script("stop.sh", "echo vkError");
+    queue(command(CMD_AGENT_RESTART, "r2"));
+    EXPECT_EQ(execute_command(), 0);
+    r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result(), 2);
+    EXPECT_EQ(order().find("start.sh", order().rfind("stop.sh")), std::string::npos) << "start skipped";
+}
+
+TEST_F(Execute, PatchRunsStopSetupStartWithTheInstallInformation)
+{
+    cmd_info_t patch = command(CMD_PATCH_START, "p1");
+    vk_strlcpy(patch.file_name, "setup.sh");
+    patch.option_count = 2;
+    vk_strlcpy(patch.options[0].key, "zeta");
+    vk_strlcpy(patch.options[0].value, "1");
+    vk_strlcpy(patch.options[1].key, "alpha");
+    vk_strlcpy(patch.options[1].value, "two words");
+    script("setup.sh", "cat \"$1\"; echo vkSuccess", manager + "/tmp");
+    queue(patch);
+    EXPECT_EQ(execute_command(), 0);
+    const std::string info = "zeta=1\nalpha=two words\nINSTALL_PATH=/opt/quil/agent\n";
+    EXPECT_EQ(read_file(manager + "/tmp/7_install_info"), info);
+    EXPECT_EQ(order(), run_path + "/stop.sh \n" + manager + "/tmp/setup.sh " + manager + "/tmp/7_install_info\n" +
+                           run_path + "/start.sh \n");
+    auto r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result(), 1);
+    EXPECT_EQ(r[0].result_message(), "stopping\nvkSuccess\n" + info + "vkSuccess\nstarting\nvkSuccess\n");
+}
+
+TEST_F(Execute, PrefixAndRootRule)
+{
+    {
+        std::lock_guard<vklock_t> guard(g_json_lock);
+        vk_strlcpy(g_json_prefix_option, "env QUIL_USER=${run_user_name}", sizeof(g_json_prefix_option));
+    }
+    script("stop.sh", "echo user=$QUIL_USER; echo vkSuccess");
+    queue(command(CMD_AGENT_STOP, "x1"));
+    execute_command();
+    auto r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result_message(), "user=app\nvkSuccess\n");
+    EXPECT_EQ(g_custom_prefix[0], '\0') << "cleared after the command";
+
+    {
+        std::lock_guard<vklock_t> guard(g_json_lock);
+        vk_strlcpy(g_json_prefix_option, "sudo -u ${user}", sizeof(g_json_prefix_option));
+    }
+    queue(command(CMD_AGENT_STOP, "x2"));
+    execute_command();
+    r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result(), 2);
+    EXPECT_EQ(r[0].result_message(), "[agent_manager] convert error with prefix. g_custom_prefix[-3]");
+
+    {
+        std::lock_guard<vklock_t> guard(g_json_lock);
+        g_json_prefix_option[0] = '\0';
+        g_json_agent_count = 1;
+        g_json_agent_info[0].root_check = 1;
+        vk_strlcpy(g_json_agent_info[0].agent_id, k_agent, sizeof(g_json_agent_info[0].agent_id));
+    }
+    unlink((dir.path + "/order").c_str());
+    queue(command(CMD_AGENT_STOP, "x3"));
+    execute_command();
+    r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result_message(), "[agent_manager] user running the agent is not root. agent_id[" +
+                                         std::string(k_agent) + "] target_run_username[app] target_install_username[app]");
+    EXPECT_EQ(order(), "") << "nothing ran";
+    cmd_info_t as_root = command(CMD_AGENT_STOP, "x4");
+    vk_strlcpy(as_root.run_username, "root");
+    vk_strlcpy(as_root.install_username, "root");
+    EXPECT_EQ(check_root_auth_to_json(&as_root), 0);
+    EXPECT_EQ(as_root.root_check, 1);
+}
+
+} // namespace
