@@ -103,6 +103,21 @@ TEST_F(PidGuardTest, LockHeldByAnotherStarterAndUnopenableFile)
     EXPECT_EQ(check(), 1);
 }
 
+// A restart that got the same pid again (pid 1 in a container) finds its own number in the
+// surviving pid file: that is not a second instance. Another live process of the name is.
+TEST_F(PidGuardTest, OwnPidIsNoSecondInstance)
+{
+    write_file(pid_path, std::to_string(getpid()));
+    EXPECT_EQ(check_double_execution("agent_tests", "agent_tests"), 0);
+    EXPECT_EQ(read_file(pid_path), own);
+    child_process other{spawn({"/bin/sleep", "60"})};
+    ASSERT_GT(other.pid, 0);
+    EXPECT_TRUE(eventually([&] { // once the child has become sleep
+        write_file(pid_path, std::to_string(other.pid));
+        return check_double_execution("sleep", "sleep") == 3;
+    }));
+}
+
 TEST(Util, InfoLogCountsDropsWithWrapAround)
 {
     g_info_log.store(0);
