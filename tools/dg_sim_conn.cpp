@@ -140,7 +140,8 @@ void writer_main(std::shared_ptr<connection> c)
             std::string error = c->write_error;
             lk.unlock();
             c->cv.notify_all();
-            emit_conn_error(*c, error);
+            if (!c->closing)  // our own shutdown is not the peer's fault
+                emit_conn_error(*c, error);
             conn_close(*c, error);
             return;
         }
@@ -302,11 +303,12 @@ void acceptor_main(int listen_fd)
             conn_close(*current, "replaced by conn " + std::to_string(c->id));
         if (reader.joinable())
             reader.join();
-        emit(json_object().str("event", "connected").num("conn", c->id).str("peer", c->peer).end());
         {
             std::lock_guard<std::mutex> guard(s_current_lock);
             s_current = c;
         }
+        // Printed once commands can use the connection: a driver may act on this line at once.
+        emit(json_object().str("event", "connected").num("conn", c->id).str("peer", c->peer).end());
         current = c;
         reader = std::thread(reader_main, c);
     }
