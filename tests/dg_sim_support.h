@@ -247,9 +247,10 @@ class dg_sim
     }
 
     // Stops the simulator: quit and end of input, SIGTERM when it has not exited within
-    // quit_timeout, SIGKILL two seconds after that. Returns its exit status (0..255), or -1
+    // quit_timeout (a command blocked on a peer that does not read keeps quit waiting),
+    // SIGKILL two seconds after that. Returns its exit status (0..255), or -1
     // when it was killed by a signal or never started. Later calls return the same value.
-    int stop(std::chrono::milliseconds quit_timeout = 5s)
+    int stop(std::chrono::milliseconds quit_timeout = 3s)
     {
         if (m_pid > 0) {
             send("quit");

@@ -56,10 +56,12 @@ struct packet {
     std::string header, body;
 };
 
-// The agent's side of the connection: a blocking socket with a 20 s receive limit.
+// The agent's side of the connection: a blocking socket with a 20 s receive limit; a fixed
+// receive buffer (rcvbuf > 0) turns off its growth, so a client that does not read stalls the
+// sender early.
 struct client {
     int fd = -1;
-    explicit client(int port)
+    explicit client(int port, int rcvbuf = 0)
     {
         fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in a{};
@@ -68,6 +70,7 @@ struct client {
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         timeval limit{20, 0};
         if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0 ||
+            (rcvbuf > 0 && setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf) != 0) ||
             connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
             if (fd >= 0)
                 close(fd);
@@ -294,6 +297,58 @@ TEST(DgSim, PatchStartStreamsTheFileInChunks)
     auto missing = sim.command("patch_start file=" + dir.path + "/absent");
     ASSERT_TRUE(missing);
     EXPECT_TRUE(missing->is("error"));
+}
+
+// 32 MiB is far more than the stream window (4 MiB) plus both socket buffers (at most 4 MiB
+// and 64 KiB), so the stream stalls until the client reads; meanwhile the simulator must
+// still read and answer.
+TEST(DgSim, StalledStreamLeavesTheReaderFree)
+{
+    daemon_support::temp_dir dir("dg_sim_test");
+    ASSERT_FALSE(dir.path.empty());
+    std::string data(32u << 20, '\0');
+    for (size_t i = 0; i < data.size(); i++)
+        data[i] = static_cast<char>(i * 7 >> 9);
+    daemon_support::write_file(dir.path + "/big", data);
+    dg_sim sim;
+    ASSERT_TRUE(sim.started());
+    client agent(sim.port(), 65536);
+    ASSERT_GE(agent.fd, 0);
+    ASSERT_TRUE(sim.wait_for(dg_sim_support::event_named("connected")));
+    ASSERT_TRUE(sim.send("patch_start chunk=65536 file=" + dir.path + "/big"));
+    ASSERT_TRUE(sim.wait_for(dg_sim_support::sent_of(60004)));
+    // Give the stream time to fill the buffers (a shorter wait weakens the check, it cannot
+    // make a sound simulator fail).
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    // Two requests: the second is only read when answering the first did not block the reader
+    // (the answers queue behind the chunks).
+    dg::req_time_sync request;
+    request.set_server_time(now_ms());
+    ASSERT_TRUE(agent.send(40006, request.SerializeAsString(), 2));
+    ASSERT_TRUE(sim.wait_for(dg_sim_support::recv_of(40006)));
+    size_t after_first = sim.mark();
+    ASSERT_TRUE(agent.send(40006, request.SerializeAsString(), 2));
+    ASSERT_TRUE(sim.wait_for(dg_sim_support::recv_of(40006), std::chrono::seconds(20), after_first));
+    ASSERT_FALSE(sim.wait_for(dg_sim_support::event_named("done"), std::chrono::milliseconds(0)));
+
+    std::string received;
+    uint64_t chunks = 0;
+    int answers = 0;
+    while (chunks < 512 || answers < 2) {
+        auto p = agent.read();
+        ASSERT_TRUE(p);
+        dg::req_file_chunk_message m;
+        if (p->type == 50020) {
+            answers++;
+        } else if (p->type == 60004 && m.ParseFromString(p->body)) {
+            ASSERT_EQ(m.chunk_index(), ++chunks);
+            received += m.chunk_data();
+        }
+    }
+    EXPECT_TRUE(received == data);
+    auto done = sim.wait_for(dg_sim_support::event_named("done"));
+    ASSERT_TRUE(done);
+    EXPECT_EQ(done->num("chunks"), 512);
 }
 
 TEST(DgSim, GarbageEndsTheConnectionAndTheNextOneIsServed)
