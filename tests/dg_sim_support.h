@@ -8,8 +8,6 @@
 #error "quil-dg-sim is not built (no libprotobuf): include this header under #ifdef QUIL_DG_SIM_BIN"
 #endif
 
-#include <gtest/gtest.h>
-
 #include <cjson/cJSON.h>
 
 #include <fcntl.h>
