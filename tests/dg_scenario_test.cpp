@@ -1,0 +1,420 @@
+// Scenarios with the real agent in front of quil-dg-sim over loopback: the handshake and the
+// stored manager id, time sync, pings and timezone, hostile peers and reconnection, and the
+// remote commands from intake through execution to the results the DG sees. The simulator
+// decodes with libprotobuf, so every scenario is also a wire-compatibility check.
+#ifdef QUIL_DG_SIM_BIN
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+
+#include "daemon_support.h"
+#include "dg_sim_support.h"
+
+namespace
+{
+
+using namespace daemon_support;
+using namespace dg_sim_support;
+using namespace std::chrono_literals;
+
+const std::string k_manager_id = "3f2c1a9e-0b7d-4c55-9a61-5d2e8f0c1b47";
+const std::string k_agent_id = "0b6f2d7e-5c1a-4e8f-9d3b-7a2c4e6f8a10";
+
+class DgScenario : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(dir.path.empty());
+        for (const char *sub : {"", "/data", "/tmp", "/log"})
+            ASSERT_EQ(mkdir((manager + sub).c_str(), 0700), 0) << sub;
+        write_file(manager + "/data/config", "MGR_LOG_LEVEL=debug\n");
+        for (const char *pass : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"})
+            if (const char *v = getenv(pass))
+                env.push_back(std::string(pass) + "=" + v);
+    }
+    void TearDown() override
+    {
+        if (agent > 0) {
+            kill(agent, SIGTERM);
+            if (!eventually([&] { return waitpid(agent, nullptr, WNOHANG) == agent; }, 15s)) {
+                kill(agent, SIGKILL);
+                waitpid(agent, nullptr, 0);
+            }
+        }
+        if (sim)
+            sim->stop();
+    }
+
+    void start_sim(std::vector<std::string> options = {})
+    {
+        options.insert(options.end(), {"--manager-id", k_manager_id});
+        if (port > 0)
+            options.insert(options.end(), {"--listen", "127.0.0.1:" + std::to_string(port)});
+        sim = std::make_unique<dg_sim>(options);
+        ASSERT_TRUE(sim->started());
+        port = sim->port();
+    }
+    // Starts the agent against the simulator's port; through /bin/sh when `via_shell`, which
+    // first writes the shell's pid (the agent's, after exec) into the pid file.
+    void start_agent(std::vector<std::string> extra_env = {}, bool via_shell = false)
+    {
+        std::vector<std::string> e = env;
+        e.push_back("MGR_RECEIVER_ADDR=127.0.0.1:" + std::to_string(port));
+        e.insert(e.end(), extra_env.begin(), extra_env.end());
+        std::vector<std::string> argv = {QUIL_AGENT_BIN};
+        if (via_shell)
+            argv = {"/bin/sh", "-c", "echo $$ > " + manager + "/data/manager_agent_pid; exec " + QUIL_AGENT_BIN};
+        agent = spawn(argv, e, home + "/agent.out", home + "/agent.err");
+        ASSERT_GT(agent, 0);
+    }
+    std::string log() { return read_file(manager + "/log/quil-manager-agent.log"); }
+    size_t log_count(const std::string &what)
+    {
+        std::string text = log();
+        size_t n = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+            n++;
+        return n;
+    }
+    bool log_has(const std::string &what, size_t times = 1, std::chrono::seconds timeout = 20s)
+    {
+        return eventually([&] { return log_count(what) >= times; }, timeout);
+    }
+
+    // A target agent under <home>/agent whose scripts append their name to <home>/order and
+    // print the keywords; registered through agent_config.json.
+    void sample_agent(const std::string &stop_body = "echo stopping; echo vkSuccess",
+                      const std::string &start_body = "echo starting; echo vkSuccess")
+    {
+        mkdir(run_path.c_str(), 0755);
+        script(run_path + "/stop.sh", "echo stop >> " + home + "/order; " + stop_body);
+        script(run_path + "/start.sh", "echo start >> " + home + "/order; " + start_body);
+        write_file(run_path + "/agent_id", k_agent_id + "\n");
+        write_file(manager + "/data/agent_config.json",
+                   R"({"sample": [{"path": ")" + run_path + R"(/agent_id", "root_check": 0}]})");
+    }
+    static void script(const std::string &path, const std::string &body)
+    {
+        write_file(path, "#!/bin/sh\n" + body + "\n");
+        chmod(path.c_str(), 0755);
+    }
+    std::string request_args(const std::string &exec, int timeout_ms = 60000)
+    {
+        return " agent=" + k_agent_id + " exec=" + exec + " cmd=c-" + exec + " agent_type=7 run_path=" + run_path +
+               " install_path=/opt/sample timeout=" + std::to_string(timeout_ms);
+    }
+    // The 60002 result of execution `exec` in `phase` (1 in progress, 2 done), looking at events
+    // from `from` on.
+    std::optional<sim_event> result(const std::string &exec, int phase, std::chrono::milliseconds timeout = 30s,
+                                    size_t from = 0)
+    {
+        return sim->wait_for(
+            [&](const sim_event &e) {
+                return e.is("recv", 60002) && e.str("body.execution_id") == exec && e.num("body.phase_type") == phase;
+            },
+            timeout, from);
+    }
+    static std::string describe(const std::optional<sim_event> &e)
+    {
+        if (!e)
+            return "(none)";
+        return std::to_string(e->num("body.result")) + " " + e->str("body.result_message");
+    }
+
+    temp_dir dir{"dg_scenario"};
+    std::string home = dir.path;
+    std::string manager = home + "/manager";
+    std::string run_path = home + "/agent";
+    std::vector<std::string> env = {"PATH=/usr/bin:/bin", "MGR_QUIL_HOME=" + home, "MGR_QUIL_MANAGER_HOME=" + manager};
+    std::unique_ptr<dg_sim> sim;
+    int port = 0;
+    pid_t agent = 0;
+};
+
+// The agent started by a shell that wrote its pid first (a pid file holding the agent's own
+// pid) identifies the host, stores the assigned id, runs one round of ten time-sync exchanges
+// whose trimmed mean it logs, and after a dropped connection comes back with the stored id.
+TEST_F(DgScenario, HandshakeTimeSyncAndReconnectWithTheStoredId)
+{
+    const std::vector<int> skews = {50, -30, 1000, 7, -5000, 20, 11, 300, -2, 90};
+    std::string skew_list;
+    for (int s : skews)
+        skew_list += (skew_list.empty() ? "" : ",") + std::to_string(s);
+    start_sim({"--skew", skew_list});
+    start_agent({}, true);
+
+    auto hello = sim->wait_for(recv_of(10043));
+    ASSERT_TRUE(hello) << log();
+    EXPECT_EQ(hello->num("header.packet_type"), 4);
+    EXPECT_EQ(hello->num("header.body_kind"), 2);
+    EXPECT_EQ(hello->num("header.protocol_stamp"), 19121701);
+    utsname host{};
+    ASSERT_EQ(uname(&host), 0);
+    EXPECT_EQ(hello->str("body.host_name"), host.nodename);
+    EXPECT_EQ(hello->str("body.os_version"), host.release);
+    EXPECT_EQ(hello->str("body.agent_type_name"), "quil-manager-agent");
+    EXPECT_EQ(hello->num("body.protocol_version"), 20241111);
+    EXPECT_EQ(hello->size("body.custom_infos"), 0) << hello->line();
+    bool v4 = false, v6 = false, mac = false;
+    for (int i = 0; i < hello->size("body.ip_infos"); i++) {
+        std::string at = "body.ip_infos." + std::to_string(i);
+        v4 |= hello->num(at + ".ip_version") == 4 && hello->str(at + ".ip_address") == "7f000001";
+        v6 |= hello->num(at + ".ip_version") == 6 && hello->str(at + ".ip_address") == std::string(30, '0') + "01";
+    }
+    for (int i = 0; i < hello->size("body.mac_infos"); i++)
+        mac |= hello->str("body.mac_infos." + std::to_string(i) + ".mac_address") == "000000000000";
+    EXPECT_TRUE(v4 && mac) << hello->line();
+    if (access("/proc/net/if_inet6", F_OK) == 0) {
+        EXPECT_TRUE(v6) << hello->line();
+    }
+
+    EXPECT_TRUE(eventually([&] { return read_file(manager + "/data/manager_id") == k_manager_id + "\n"; }));
+    ASSERT_TRUE(log_has("[process_res_timesync] timesync diff:")) << log();
+    std::vector<long long> diffs;
+    for (const sim_event &e : sim->events())
+        if (e.is("sent", 50020))
+            diffs.push_back(e.num("diff", 0));
+    ASSERT_EQ(diffs.size(), 10u) << "one round of ten exchanges";
+    std::sort(diffs.begin(), diffs.end());
+    long long sum = 0;
+    for (size_t i = 2; i < 8; i++)
+        sum += diffs[i];
+    EXPECT_EQ(log_count("[process_res_timesync] timesync diff:" + std::to_string(sum / 6) + "\n"), 1u) << log();
+
+    size_t before = sim->mark();
+    auto closed_at = std::chrono::steady_clock::now();
+    ASSERT_TRUE(sim->command("close"));
+    auto again = sim->wait_for(recv_of(10043), 15s, before);
+    ASSERT_TRUE(again) << log();
+    EXPECT_LT(std::chrono::steady_clock::now() - closed_at, 8s) << "reconnects after its 5 s pause";
+    ASSERT_EQ(again->size("body.custom_infos"), 1) << again->line();
+    EXPECT_EQ(again->str("body.custom_infos.0.key"), "manager_id");
+    EXPECT_EQ(again->str("body.custom_infos.0.value"), k_manager_id);
+}
+
+// Pings and timezone requests are answered, an unknown type only logged; garbage, a packet cut
+// by a close, and a DG that stops reading for a while all end in a working connection.
+TEST_F(DgScenario, PingTimezoneAndHostilePeers)
+{
+    start_sim();
+    start_agent({"TZ=Asia/Seoul"});
+    ASSERT_TRUE(sim->wait_for(recv_of(10043))) << log();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036)));
+
+    size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("ping"));
+    auto pong = sim->wait_for(recv_of(40000), 10s, from);
+    ASSERT_TRUE(pong);
+    EXPECT_EQ(pong->num("header.length"), 11) << "a 23-byte packet";
+    ASSERT_TRUE(sim->command("timezone"));
+    auto zone = sim->wait_for(recv_of(40001), 10s, from);
+    ASSERT_TRUE(zone);
+    EXPECT_EQ(zone->num("body.offset"), 32400000);
+
+    ASSERT_TRUE(sim->command("send type=12345 hex=0a01ff"));
+    EXPECT_TRUE(log_has("[KTR-OSM-00060080] Packet processing failed.(12345)"));
+    auto ping_answered = [&] {
+        size_t mark = sim->mark();
+        return sim->command("ping") && sim->wait_for(recv_of(40000), 3s, mark).has_value();
+    };
+    EXPECT_TRUE(ping_answered()) << "an unknown type keeps the connection";
+
+    // Garbage, then half a header followed by a close: each drops the connection, and the
+    // agent comes back with a new handshake.
+    for (const char *attack : {"raw hex=00112233445566778899aabbccddeeff0011223344556677", "raw hex=f9f2f802040000"}) {
+        size_t mark = sim->mark();
+        ASSERT_TRUE(sim->command(attack));
+        if (std::string(attack).ends_with("0000")) {
+            ASSERT_TRUE(sim->command("close"));
+        }
+        ASSERT_TRUE(sim->wait_for(recv_of(10043), 15s, mark)) << attack << "\n" << log();
+        ASSERT_TRUE(sim->wait_for(sent_of(50036), 5s, mark));
+        EXPECT_TRUE(eventually(ping_answered, 10s)) << attack;
+    }
+
+    // A DG that stops reading: the pings are answered into the socket buffer and the agent
+    // carries on once the DG reads again.
+    ASSERT_TRUE(sim->command("pause_reading"));
+    for (int i = 0; i < 200; i++)
+        ASSERT_TRUE(sim->send("ping"));
+    ASSERT_TRUE(sim->command("resume_reading"));
+    EXPECT_TRUE(eventually(ping_answered, 10s));
+    EXPECT_EQ(waitpid(agent, nullptr, WNOHANG), 0) << "still running";
+}
+
+// A refused id is retried every 5 s; a DG that goes away gets three logged connect failures,
+// then silent retries, and the agent is back within about 5 s of the DG's return.
+TEST_F(DgScenario, RefusedIdThenTheDgGoesAwayAndComesBack)
+{
+    start_sim({"--refuse"});
+    start_agent();
+    auto first = sim->wait_for(recv_of(10043));
+    ASSERT_TRUE(first) << log();
+    auto t0 = std::chrono::steady_clock::now();
+    ASSERT_TRUE(sim->wait_for(recv_of(10043), 15s, sim->mark()));
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, 4500ms) << "the retry waits 5 s";
+    EXPECT_GE(log_count("[process_res_common_agent_info] wrong manager id"), 1u) << log();
+    EXPECT_NE(access((manager + "/data/manager_id").c_str(), F_OK), 0);
+
+    sim->stop();
+    const std::string failed = "[thr_DGConn] Connection failed for DataGather Server.";
+    ASSERT_TRUE(log_has(failed, 3, 25s)) << log();
+    std::this_thread::sleep_for(6s); // a fourth attempt, silent
+    EXPECT_EQ(log_count(failed), 3u);
+
+    start_sim(); // same port, no refusal
+    auto back = std::chrono::steady_clock::now();
+    ASSERT_TRUE(sim->wait_for(recv_of(10043), 15s)) << log();
+    EXPECT_LT(std::chrono::steady_clock::now() - back, 7s);
+    EXPECT_TRUE(eventually([&] { return read_file(manager + "/data/manager_id") == k_manager_id + "\n"; }));
+}
+
+// agent_restart and agent_stop from the DG: acknowledged at once, run by the command thread,
+// their whole output in the done result; a time-out and a patch_stop while running; the agent
+// list every 30 s.
+TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
+{
+    sample_agent();
+    start_sim();
+    start_agent();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036))) << log();
+
+    ASSERT_TRUE(sim->command("restart" + request_args("r1")));
+    auto ack = result("r1", 1, 5s);
+    EXPECT_EQ(describe(ack), "1 [agent manager] Success received the command(agent_restart)");
+    EXPECT_EQ(ack ? ack->str("body.command_id") : "", "c-r1");
+    auto done = result("r1", 2);
+    ASSERT_TRUE(done) << log();
+    EXPECT_EQ(done->num("body.result"), 1) << done->line();
+    EXPECT_TRUE(contains(done->str("body.result_message"), "stopping") &&
+                contains(done->str("body.result_message"), "starting"))
+        << done->line();
+    ASSERT_TRUE(sim->command("stop" + request_args("s1")));
+    ASSERT_TRUE(result("s1", 2)) << log();
+    EXPECT_EQ(read_file(home + "/order"), "stop\nstart\nstop\n");
+
+    // A stop.sh that never ends: killed after the time-out and the grace period.
+    sample_agent("sleep 100");
+    ASSERT_TRUE(sim->command("stop" + request_args("t1", 1000)));
+    auto timed_out = result("t1", 2, 30s);
+    EXPECT_EQ(timed_out ? timed_out->num("body.result") : 0, 3) << describe(timed_out);
+    EXPECT_TRUE(timed_out && contains(timed_out->str("body.result_message"), "command timeout")) << describe(timed_out);
+
+    // patch_stop of a running patch (its stop.sh still sleeps): the script group is ended
+    // and the done result says so.
+    size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("p1") + " file=" + run_path + "/agent_id name=p.bin"));
+    ASSERT_TRUE(eventually([&] { return read_file(home + "/order") == "stop\nstart\nstop\nstop\nstop\n"; }, 15s))
+        << log();
+    ASSERT_TRUE(sim->command("patch_stop" + request_args("p1")));
+    auto stopped = result("p1", 2, 15s, from);
+    ASSERT_TRUE(stopped) << log();
+    EXPECT_EQ(stopped->num("body.result"), 1) << stopped->line();
+    EXPECT_TRUE(contains(stopped->str("body.result_message"), "command stop success")) << stopped->line();
+
+    auto list = sim->wait_for(recv_of(60003), 35s);
+    ASSERT_TRUE(list) << log();
+    EXPECT_EQ(list->num("header.protocol_stamp"), 60003);
+    ASSERT_EQ(list->size("body.target_agent_infos"), 1) << list->line();
+    EXPECT_EQ(list->str("body.target_agent_infos.0.agent_id"), k_agent_id);
+}
+
+// A 100 MiB patch in 64 KiB chunks arrives byte-identical with mode 0755 and runs: stop, the
+// patch program with the install information (options in request order), start; one done
+// result; then the agent takes a new patch_start. Hostile names create nothing.
+TEST_F(DgScenario, LargePatchArrivesWholeAndRunsThenHostileNamesAreRefused)
+{
+    sample_agent();
+    std::string patch = home + "/patch.bin";
+    {
+        std::ofstream out(patch, std::ios::binary);
+        out << "#!/bin/sh\necho \"setup $1\"; cat \"$1\"; echo setup >> " << home << "/order; echo vkSuccess\nexit 0\n";
+        std::ifstream random("/dev/urandom", std::ios::binary);
+        std::vector<char> block(1 << 20);
+        for (int i = 0; i < 100; i++) {
+            random.read(block.data(), static_cast<std::streamsize>(block.size()));
+            out.write(block.data(), static_cast<std::streamsize>(block.size()));
+        }
+    }
+    start_sim();
+    start_agent();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036))) << log();
+
+    auto sent = sim->command("patch_start" + request_args("x1") + " file=" + patch +
+                                 " name=setup.bin chunk=65536 opt=ZETA=1 opt=ALPHA=2 opt=MID=3",
+                             120s);
+    ASSERT_TRUE(sent && sent->is("done")) << (sent ? sent->line() : "no answer");
+    EXPECT_EQ(sent->num("chunks"), 1601);
+    auto done = result("x1", 2, 120s);
+    ASSERT_TRUE(done) << log();
+    EXPECT_EQ(done->num("body.result"), 1) << done->line();
+    std::string received = manager + "/tmp/setup.bin";
+    EXPECT_EQ(system(("cmp -s " + patch + " " + received).c_str()), 0) << "byte-identical";
+    struct stat st{};
+    ASSERT_EQ(stat(received.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(read_file(home + "/order"), "stop\nsetup\nstart\n");
+    std::string text = done->str("body.result_message");
+    size_t options = text.find("ZETA=1\nALPHA=2\nMID=3\nINSTALL_PATH=/opt/sample\n");
+    EXPECT_NE(options, std::string::npos) << text;
+    EXPECT_TRUE(text.find("stopping") < options && options < text.find("starting")) << text;
+
+    // Hostile names: refused at once, nothing created outside tmp.
+    for (const char *name : {"..", "../evil", "a/b", "."}) {
+        size_t from = sim->mark();
+        ASSERT_TRUE(sim->command("patch_start" + request_args(std::string("h") + name) + " file=" + run_path +
+                                 "/agent_id name=" + name + " chunks=0"));
+        auto refused = sim->wait_for(recv_of(60002), 5s, from);
+        ASSERT_TRUE(refused) << name;
+        EXPECT_EQ(refused->num("body.result"), 2) << name;
+        EXPECT_TRUE(refused->str("body.result_message").starts_with("[agent manager]")) << refused->line();
+    }
+    EXPECT_NE(access((manager + "/evil").c_str(), F_OK), 0);
+    EXPECT_NE(access((manager + "/tmp/a").c_str(), F_OK), 0);
+
+    size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("x2") + " file=" + run_path + "/agent_id name=id.txt"));
+    EXPECT_EQ(describe(sim->wait_for(recv_of(60002), 5s, from)),
+              "1 [agent manager] Chunk file install Start (id.txt)")
+        << "the finished patch freed the agent";
+}
+
+// A transfer that stalls past its time-out is collected at the next sweep, which frees the
+// agent for a new patch_start.
+TEST_F(DgScenario, CollectorFreesAStalledTransfer)
+{
+    write_file(manager + "/data/config", "MGR_LOG_LEVEL=debug\nMGR_INTERVAL_GARBAGE_COLLECT=2\n");
+    sample_agent();
+    start_sim();
+    start_agent();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036))) << log();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("g1", 1000) + " file=" + run_path +
+                             "/agent_id name=stalled.bin chunks=0"));
+    ASSERT_TRUE(result("g1", 1, 5s));
+    size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("g2") + " file=" + run_path + "/agent_id name=next.bin chunks=0"));
+    EXPECT_EQ(sim->wait_for(recv_of(60002), 5s, from)->num("body.result"), 2) << "still in progress";
+    EXPECT_TRUE(eventually(
+        [&] {
+            size_t mark = sim->mark();
+            sim->command("patch_start" + request_args("g3") + " file=" + run_path + "/agent_id name=next.bin chunks=0");
+            auto answer = sim->wait_for(recv_of(60002), 5s, mark);
+            return answer && answer->num("body.result") == 1;
+        },
+        20s))
+        << log();
+}
+
+} // namespace
+
+#endif // QUIL_DG_SIM_BIN
