@@ -53,6 +53,8 @@ class DgScenario : public ::testing::Test
         }
         if (sim)
             sim->stop();
+        // A sanitizer report of the agent ends up on its standard error.
+        EXPECT_FALSE(contains(read_file(home + "/agent.err"), "Sanitizer")) << read_file(home + "/agent.err");
     }
 
     void start_sim(std::vector<std::string> options = {})
