@@ -31,7 +31,9 @@ enum : int {
 extern const char *const g_vklog_level_str[8];
 
 // Level setting: value 0..7 and the sign '<' (at most), '=' (exactly) or '>' (at least).
-struct vklog_level_t {
+// Aligned to its size so that the atomic copy in the logger is lock-free with every compiler
+// (clang otherwise calls the atomic library for an 8-byte object of 4-byte alignment).
+struct alignas(8) vklog_level_t {
     int value;
     int inequality_sign;
 };
