@@ -126,6 +126,8 @@ class DgScenario : public ::testing::Test
             },
             timeout, from);
     }
+    // What a scenario verified, printed with the test's output.
+    static void checked(const std::string &what) { printf("[scenario] checked: %s\n", what.c_str()); }
     static std::string describe(const std::optional<sim_event> &e)
     {
         if (!e)
@@ -202,6 +204,8 @@ TEST_F(DgScenario, HandshakeTimeSyncAndReconnectWithTheStoredId)
     ASSERT_EQ(again->size("body.custom_infos"), 1) << again->line();
     EXPECT_EQ(again->str("body.custom_infos.0.key"), "manager_id");
     EXPECT_EQ(again->str("body.custom_infos.0.value"), k_manager_id);
+    checked("10043 header and host fields, manager id file, ten time-sync exchanges and their trimmed mean, "
+            "reconnect with the stored id");
 }
 
 // Pings and timezone requests are answered, an unknown type only logged; garbage, a packet cut
@@ -252,6 +256,8 @@ TEST_F(DgScenario, PingTimezoneAndHostilePeers)
     ASSERT_TRUE(sim->command("resume_reading"));
     EXPECT_TRUE(eventually(ping_answered, 10s));
     EXPECT_EQ(waitpid(agent, nullptr, WNOHANG), 0) << "still running";
+    checked("ping answer, timezone offset of Asia/Seoul, unknown type logged, garbage and a cut packet "
+            "answered by a reconnect, a DG that stops reading");
 }
 
 // A refused id is retried every 5 s; a DG that goes away gets three logged connect failures,
@@ -279,6 +285,15 @@ TEST_F(DgScenario, RefusedIdThenTheDgGoesAwayAndComesBack)
     ASSERT_TRUE(sim->wait_for(recv_of(10043), 15s)) << log();
     EXPECT_LT(std::chrono::steady_clock::now() - back, 7s);
     EXPECT_TRUE(eventually([&] { return read_file(manager + "/data/manager_id") == k_manager_id + "\n"; }));
+
+    // The DG restarted mid-session: the agent's next handshake carries the stored id.
+    sim->stop();
+    start_sim();
+    auto again = sim->wait_for(recv_of(10043), 20s);
+    ASSERT_TRUE(again) << log();
+    EXPECT_EQ(again->str("body.custom_infos.0.value"), k_manager_id) << again->line();
+    checked("refused id retried every 5 s; 3 logged connect failures then silence; reconnect after the DG's "
+            "return and after its restart, with the stored id");
 }
 
 // agent_restart and agent_stop from the DG: acknowledged at once, run by the command thread,
@@ -329,6 +344,8 @@ TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
     EXPECT_EQ(list->num("header.protocol_stamp"), 60003);
     ASSERT_EQ(list->size("body.target_agent_infos"), 1) << list->line();
     EXPECT_EQ(list->str("body.target_agent_infos.0.agent_id"), k_agent_id);
+    checked("restart and stop acknowledged and done with their output, script order, a time-out, patch_stop "
+            "of a running patch, the 30-second agent list");
 }
 
 // A 100 MiB patch in 64 KiB chunks arrives byte-identical with mode 0755 and runs: stop, the
@@ -384,11 +401,22 @@ TEST_F(DgScenario, LargePatchArrivesWholeAndRunsThenHostileNamesAreRefused)
     EXPECT_NE(access((manager + "/evil").c_str(), F_OK), 0);
     EXPECT_NE(access((manager + "/tmp/a").c_str(), F_OK), 0);
 
+    // patch_stop during a transfer: the item and the partial file go, the agent is free again.
     size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("q1") + " file=" + patch + " name=q.bin chunks=1"));
+    ASSERT_TRUE(sim->command("patch_stop" + request_args("q1")));
+    auto dropped = result("q1", 2, 5s, from);
+    EXPECT_TRUE(dropped && contains(dropped->str("body.result_message"), "Stop Patch File Download Chunk [1] index"))
+        << describe(dropped);
+    EXPECT_TRUE(eventually([&] { return access((manager + "/tmp/q.bin").c_str(), F_OK) != 0; }, 5s));
+
+    from = sim->mark();
     ASSERT_TRUE(sim->command("patch_start" + request_args("x2") + " file=" + run_path + "/agent_id name=id.txt"));
     EXPECT_EQ(describe(sim->wait_for(recv_of(60002), 5s, from)),
               "1 [agent manager] Chunk file install Start (id.txt)")
         << "the finished patch freed the agent";
+    checked("100 MiB in 64 KiB chunks byte-identical with mode 0755, stop/setup/start with the install "
+            "information, hostile names refused, patch_stop during a transfer");
 }
 
 // A transfer that stalls past its time-out is collected at the next sweep, which frees the
@@ -415,6 +443,7 @@ TEST_F(DgScenario, CollectorFreesAStalledTransfer)
         },
         20s))
         << log();
+    checked("a stalled transfer refuses a second patch_start until the collector's sweep frees it");
 }
 
 } // namespace
