@@ -75,6 +75,9 @@ void initsignal()
 {
     signal(SIGALRM, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
+    // A file-size limit (RLIMIT_FSIZE) makes a write fail, which is reported like a full
+    // disk, instead of ending the daemon.
+    signal(SIGXFSZ, SIG_IGN);
     signal(SIGHUP, signal_handler);
     signal(SIGSEGV, signal_handler);
     // The system refuses SIGKILL; the request is kept as a harmless, unchecked call.
