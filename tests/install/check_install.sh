@@ -38,7 +38,7 @@ if [ -z "$build" ]; then
     generator=()
     if have ninja; then generator=(-G Ninja); fi
     cmake -S "$src" -B "$build" "${generator[@]}" -DQUIL_TESTS=OFF -DQUIL_TOOLS=OFF -DQUIL_BENCH=OFF >/dev/null
-    cmake --build "$build" --target quil-manager-agent >/dev/null
+    cmake --build "$build" --target quil-manager-agent --parallel 2 >/dev/null
 fi
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 
