@@ -44,7 +44,7 @@ inline void remove_temp_dir()
 }
 
 // The process's private <base>/quil_fuzz_<name>.XXXXXX, made on the first call and removed
-// at a normal exit. The base is $QUIL_FUZZ_TMPDIR, else /dev/shm when writable (the targets
+// at a normal exit (unless QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is $QUIL_FUZZ_TMPDIR, else /dev/shm when writable (the targets
 // write files on every run: memory is much faster than a disk), else /tmp. Aborts when it
 // cannot be made: no target runs without it.
 inline const std::string &temp_dir(const char *name)
@@ -57,7 +57,9 @@ inline const std::string &temp_dir(const char *name)
         std::string pattern = std::string(base) + "/quil_fuzz_" + name + ".XXXXXX";
         FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr);
         path = pattern;
-        atexit(remove_temp_dir);
+        const char *keep = getenv("QUIL_FUZZ_KEEP_TMPDIR"); // "1": left for a look afterwards
+        if (keep == nullptr || strcmp(keep, "1") != 0)
+            atexit(remove_temp_dir);
     }
     return path;
 }
