@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr size_t k_read_size = 511;  // characters of one autoload read
+constexpr size_t k_read_size = 511;   // characters of one autoload read
 constexpr size_t k_id_read_size = 39; // characters of the id-file read
 constexpr size_t k_id_file_bytes = 64;
 

@@ -61,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const bool environment_set = (set_environment(), true);
     (void)environment_set;
 
-    const std::string source(reinterpret_cast<const char *>(data), strnlen(reinterpret_cast<const char *>(data), size));
+    const std::string source(reinterpret_cast<const char *>(data),
+                             strnlen(reinterpret_cast<const char *>(data), size));
     for (size_t dest_size : {size_t{512}, size_t{64}, size_t{1}}) {
         char dest[512] = {};
         const int rc = convert_env_path(source.c_str(), dest, dest_size);

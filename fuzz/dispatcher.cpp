@@ -43,8 +43,8 @@
 namespace
 {
 
-constexpr int k_types[] = {MSG_REQ_PING,     MSG_REQ_TIMEZONE_OFFSET, MSG_RES_TIMESYNC,
-                           MSG_RES_AGENT_INFO, MSG_REQ_COMMAND,      MSG_REQ_FILE_CHUNK};
+constexpr int k_types[] = {MSG_REQ_PING,       MSG_REQ_TIMEZONE_OFFSET, MSG_RES_TIMESYNC,
+                           MSG_RES_AGENT_INFO, MSG_REQ_COMMAND,         MSG_REQ_FILE_CHUNK};
 constexpr size_t k_frame_header = 4;
 constexpr size_t k_max_frames = 64;
 constexpr size_t k_max_body = VK_NIO_PACKET_CAPACITY - VK_NIO_SUB_HEADER_LEN;
@@ -88,7 +88,8 @@ const setup_t &set_up()
     s.dir = fuzz_support::temp_dir("dispatcher");
     s.home = s.dir + "/home";
     s.manager = s.home + "/manager";
-    for (const std::string &sub : {s.home, s.manager, s.manager + "/data", s.manager + "/tmp", s.dir + "/log"})
+    for (const std::string &sub :
+         {s.home, s.manager, s.manager + "/data", s.manager + "/tmp", s.dir + "/log"})
         fuzz_support::make_dir(sub);
     FUZZ_CHECK(init_global_var(s.home.c_str()) == 0);
     set_up_log(s.dir + "/log");
@@ -115,7 +116,11 @@ bool valid_utf8(std::string_view text)
 {
     for (size_t i = 0; i < text.size();) {
         const auto c = static_cast<uint8_t>(text[i]);
-        size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+        const size_t n = c < 0x80             ? 1
+                         : (c & 0xE0) == 0xC0 ? 2
+                         : (c & 0xF0) == 0xE0 ? 3
+                         : (c & 0xF8) == 0xF0 ? 4
+                                              : 0;
         if (n == 0 || text.size() - i < n)
             return false;
         uint32_t cp = n == 1 ? c : c & (0x7F >> n);
@@ -161,7 +166,8 @@ void check_reply_body(int type, const uint8_t *body, size_t size)
         break;
     case MSG_RES_TIMEZONE_OFFSET: {
         auto *m = res_timezone_offset_message_new(workspace, sizeof(workspace));
-        FUZZ_CHECK(m != nullptr && res_timezone_offset_message_decode(m, body, size) == static_cast<int>(size));
+        FUZZ_CHECK(m != nullptr &&
+                   res_timezone_offset_message_decode(m, body, size) == static_cast<int>(size));
         break;
     }
     case MSG_REQ_TIMESYNC: {
@@ -215,11 +221,13 @@ bool terminated(const char *text, size_t size)
 
 void check_record(const cmd_info_t &r)
 {
-    FUZZ_CHECK(terminated(r.execution_id, sizeof(r.execution_id)) && terminated(r.command_id, sizeof(r.command_id)));
+    FUZZ_CHECK(terminated(r.execution_id, sizeof(r.execution_id)) &&
+               terminated(r.command_id, sizeof(r.command_id)));
     FUZZ_CHECK(terminated(r.agent_id, sizeof(r.agent_id)) && terminated(r.file_name, sizeof(r.file_name)));
     FUZZ_CHECK(terminated(r.install_username, sizeof(r.install_username)) &&
                terminated(r.install_path, sizeof(r.install_path)));
-    FUZZ_CHECK(terminated(r.run_username, sizeof(r.run_username)) && terminated(r.run_path, sizeof(r.run_path)));
+    FUZZ_CHECK(terminated(r.run_username, sizeof(r.run_username)) &&
+               terminated(r.run_path, sizeof(r.run_path)));
     FUZZ_CHECK(r.option_count >= 0 && r.option_count <= CMD_OPTION_COUNT);
     FUZZ_CHECK(r.timeout >= 0);
 }
@@ -250,7 +258,8 @@ void check_state(const setup_t &s)
         const std::string_view name = path.substr(tmp_prefix.size());
         FUZZ_CHECK(!name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos);
         FUZZ_CHECK(name == item->command.file_name);
-        FUZZ_CHECK(item->buffer_index == -1 || (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT));
+        FUZZ_CHECK(item->buffer_index == -1 ||
+                   (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT));
         FUZZ_CHECK(item->buffer_index == -1 || item->file == nullptr);
         check_record(item->command);
     }
@@ -307,6 +316,24 @@ void reset(const setup_t &s)
     }
 }
 
+// The packet as the DG frames it (version 2, packet type 4, body kind 1), in a buffer of
+// exactly its size so that ASan sees any read past the body.
+std::unique_ptr<char[]> build_packet(int type, const uint8_t *body, size_t body_length)
+{
+    std::unique_ptr<char[]> packet(new char[VK_NIO_HEADER_LEN + body_length]);
+    auto *p = reinterpret_cast<uint8_t *>(packet.get());
+    const uint32_t length = static_cast<uint32_t>(body_length) + VK_NIO_SUB_HEADER_LEN;
+    const uint8_t main_header[VK_NIO_MAIN_HEADER_LEN] = {0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0};
+    memcpy(p, main_header, sizeof(main_header));
+    for (int i = 0; i < 4; i++)
+        p[8 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
+    const uint8_t sub_header[VK_NIO_SUB_HEADER_LEN] = {
+        static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    memcpy(p + VK_NIO_MAIN_HEADER_LEN, sub_header, sizeof(sub_header));
+    memcpy(p + VK_NIO_HEADER_LEN, body, body_length);
+    return packet;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -315,17 +342,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (size_t frames = 0; size >= k_frame_header && frames < k_max_frames; frames++) {
         const int selector = data[0] % 7;
         const int type = selector < 6 ? k_types[selector] : (data[0] << 8) | data[1];
-        const size_t body_length = std::min({size_t{(size_t{data[2]} << 8) | data[3]}, size - k_frame_header,
-                                             k_max_body});
-        const uint32_t length = static_cast<uint32_t>(body_length) + VK_NIO_SUB_HEADER_LEN;
-        std::unique_ptr<char[]> packet(new char[VK_NIO_HEADER_LEN + body_length]);
-        const unsigned char header[VK_NIO_HEADER_LEN] = {
-            0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0,
-            static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
-            static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length),
-            static_cast<unsigned char>(type >> 8), static_cast<unsigned char>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
-        memcpy(packet.get(), header, sizeof(header));
-        memcpy(packet.get() + VK_NIO_HEADER_LEN, data + k_frame_header, body_length);
+        const size_t body_length =
+            std::min({size_t{(size_t{data[2]} << 8) | data[3]}, size - k_frame_header, k_max_body});
+        std::unique_ptr<char[]> packet = build_packet(type, data + k_frame_header, body_length);
         data += k_frame_header + body_length;
         size -= k_frame_header + body_length;
 

@@ -44,9 +44,9 @@ inline void remove_temp_dir()
 }
 
 // The process's private <base>/quil_fuzz_<name>.XXXXXX, made on the first call and removed
-// at a normal exit (unless QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is $QUIL_FUZZ_TMPDIR, else /dev/shm when writable (the targets
-// write files on every run: memory is much faster than a disk), else /tmp. Aborts when it
-// cannot be made: no target runs without it.
+// at a normal exit (unless QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is $QUIL_FUZZ_TMPDIR, else /dev/shm when
+// writable (the targets write files on every run: memory is much faster than a disk), else /tmp. Aborts when
+// it cannot be made: no target runs without it.
 inline const std::string &temp_dir(const char *name)
 {
     std::string &path = temp_dir_path();

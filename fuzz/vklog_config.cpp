@@ -132,7 +132,8 @@ void check_config(const vklog_t &cat, const vklog_config_t &config)
     std::string dir_prefix = config.out_dir[0] != '\0' ? std::string(config.out_dir) + "/" : "";
     FUZZ_CHECK(out_path == dir_prefix + config.out_file);
     if (config.backup_dir[0] != '\0')
-        FUZZ_CHECK(std::string_view(config.backup_path) == std::string(config.backup_dir) + "/" + config.out_file);
+        FUZZ_CHECK(std::string_view(config.backup_path) ==
+                   std::string(config.backup_dir) + "/" + config.out_file);
     else
         FUZZ_CHECK(std::string_view(config.backup_path) == out_path);
     FUZZ_CHECK(config.vklogger_port != 0);
