@@ -17,13 +17,12 @@
 #include <string>
 #include <vector>
 
-#ifndef FUZZ_CHECK
-#define FUZZ_CHECK(cond)                                                                                     \
-    ((cond) ? void() : (std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__), std::abort()))
-#endif
+#define FUZZ_CHECK(cond) ((cond) ? void() : fuzz_support::check_failed(#cond, __LINE__))
 
 namespace fuzz_support
 {
+
+[[noreturn]] void check_failed(const char *condition, int line);
 
 inline int remove_entry(const char *path, const struct stat *, int, struct FTW *)
 {
@@ -37,16 +36,30 @@ inline std::string &temp_dir_path()
     return path;
 }
 
+inline bool keep_temp_dir()
+{
+    const char *keep = getenv("QUIL_FUZZ_KEEP_TMPDIR"); // "1": left for a look afterwards
+    return keep != nullptr && strcmp(keep, "1") == 0;
+}
+
 inline void remove_temp_dir()
 {
-    if (!temp_dir_path().empty())
+    if (!temp_dir_path().empty() && !keep_temp_dir())
         nftw(temp_dir_path().c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
+// A failed check: the directory goes too (libFuzzer ends with abort, not exit).
+[[noreturn]] inline void check_failed(const char *condition, int line)
+{
+    std::fprintf(stderr, "check failed: %s (line %d)\n", condition, line);
+    remove_temp_dir();
+    std::abort();
+}
+
 // The process's private <base>/quil_fuzz_<name>.XXXXXX, made on the first call and removed
-// at a normal exit (unless QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is $QUIL_FUZZ_TMPDIR, else /dev/shm when
-// writable (the targets write files on every run: memory is much faster than a disk), else /tmp. Aborts when
-// it cannot be made: no target runs without it.
+// at a normal exit or a failed check (kept when QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is
+// $QUIL_FUZZ_TMPDIR, else /dev/shm when writable (the targets write files on every run:
+// memory is much faster than a disk), else /tmp. Aborts when it cannot be made.
 inline const std::string &temp_dir(const char *name)
 {
     std::string &path = temp_dir_path();
@@ -57,9 +70,7 @@ inline const std::string &temp_dir(const char *name)
         std::string pattern = std::string(base) + "/quil_fuzz_" + name + ".XXXXXX";
         FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr);
         path = pattern;
-        const char *keep = getenv("QUIL_FUZZ_KEEP_TMPDIR"); // "1": left for a look afterwards
-        if (keep == nullptr || strcmp(keep, "1") != 0)
-            atexit(remove_temp_dir);
+        atexit(remove_temp_dir);
     }
     return path;
 }
