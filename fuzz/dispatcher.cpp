@@ -1,0 +1,359 @@
+// libFuzzer target for the whole dispatcher read_msg_nio, fed packets as the connection
+// thread hands them over, against a private manager home and a fake DG connection (the
+// agent's end of a socketpair is the connected socket, with a send queue).
+//
+// The input is a sequence of frames, at most 64:
+//   byte 0   message type: byte % 7 picks 50000, 50001, 50020, 50036, 60001, 60004, and 6
+//            means "bytes 0-1 are the type" (mostly one without a handler)
+//   byte 1   only used for that last case
+//   bytes 2-3 body length, big-endian (cut to what is left of the input)
+//   body
+// Each frame becomes a packet with a correct header and the real body length, in a buffer
+// of exactly its size. After each packet the queue is written and everything that reached
+// the DG end must be whole packets of the types that message may cause, whose bodies the
+// agent's own decoders accept, with valid UTF-8 result texts. The command ring and the
+// patch transfers must stay consistent. After each input the state is reset (ring, patch
+// map with its open files, files under <manager>/tmp, time-sync round, manager id) and
+// nothing may have appeared outside <home>/manager's data and tmp directories.
+//
+// The log goes to <tmp>/log (1 MiB, no backups) at QUIL_FUZZ_LOG_LEVEL, default "trace" so
+// every log format meets the decoded texts; "none" leaves g_vklog null.
+#include "command.h"
+#include "command_handler.h"
+#include "fuzz_support.h"
+#include "global_var.h"
+#include "msg_type.h"
+#include "on_demand.h"
+#include "pub_func.h"
+#include "req_time_sync.h"
+#include "res_timezone_offset.h"
+#include "thr_dgconn.h"
+#include "vk_comm.h"
+#include "vklog.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace
+{
+
+constexpr int k_types[] = {MSG_REQ_PING,       MSG_REQ_TIMEZONE_OFFSET, MSG_RES_TIMESYNC,
+                           MSG_RES_AGENT_INFO, MSG_REQ_COMMAND,         MSG_REQ_FILE_CHUNK};
+constexpr size_t k_frame_header = 4;
+constexpr size_t k_max_frames = 64;
+constexpr size_t k_max_body = VK_NIO_PACKET_CAPACITY - VK_NIO_SUB_HEADER_LEN;
+
+struct setup_t {
+    std::string dir;     // the temporary directory: home/ and log/
+    std::string home;    // the installation home
+    std::string manager; // <home>/manager
+    int agent = -1;      // the agent's end: the "connected" DG socket
+    int dg = -1;         // the DG's end, non-blocking
+};
+
+void set_up_log(const std::string &dir)
+{
+    const char *level = getenv("QUIL_FUZZ_LOG_LEVEL");
+    level = level != nullptr && level[0] != '\0' ? level : "trace";
+    if (strcmp(level, "none") == 0)
+        return;
+    vklog_config_t *config = vklog_config_new_from_preset(VKLOG_CFG_PRESET_DEFAULT);
+    FUZZ_CHECK(config != nullptr);
+    auto set = [config](vklog_cfg_type_t key, std::string_view value) {
+        FUZZ_CHECK(vklog_config_set(config, key, static_cast<unsigned>(value.size()), value.data()) == 0);
+    };
+    set(VKLOG_CFG_TYPE_NAME, "quil-manager-agent");
+    set(VKLOG_CFG_TYPE_DIRECTORY, dir);
+    set(VKLOG_CFG_TYPE_OUTPUT_TYPE, "file");
+    set(VKLOG_CFG_TYPE_LEVEL, level);
+    set(VKLOG_CFG_TYPE_HEADER_FLAG, "time,pid,thread_id,file,function,line,level");
+    set(VKLOG_CFG_TYPE_LIMIT_FILE_SIZE, "1");
+    set(VKLOG_CFG_TYPE_BACKUP_FILE_COUNT, "0");
+    int err = 0;
+    FUZZ_CHECK(vklog_initialize_with_config(config, &err) == 0);
+    vklog_t *cat = vklog_get_category("quil-manager-agent");
+    FUZZ_CHECK(cat != nullptr);
+    vklog_set_global_log_handle(cat);
+}
+
+const setup_t &set_up()
+{
+    static setup_t s;
+    s.dir = fuzz_support::temp_dir("dispatcher");
+    s.home = s.dir + "/home";
+    s.manager = s.home + "/manager";
+    for (const std::string &sub :
+         {s.home, s.manager, s.manager + "/data", s.manager + "/tmp", s.dir + "/log"})
+        fuzz_support::make_dir(sub);
+    FUZZ_CHECK(init_global_var(s.home.c_str()) == 0);
+    set_up_log(s.dir + "/log");
+    FUZZ_CHECK(init_chunk_hash() == 0);
+    FUZZ_CHECK(nio_seq_lock_init() == 0);
+    int fds[2];
+    FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0);
+    s.agent = fds[0];
+    s.dg = fds[1];
+    FUZZ_CHECK(fcntl(s.dg, F_SETFL, O_NONBLOCK) == 0);
+    FUZZ_CHECK(create_send_queue() == 0);
+    g_dg_sock.store(s.agent);
+    g_dg_is_connection.store(1);
+    return s;
+}
+
+uint32_t be32(const uint8_t *p)
+{
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+
+// Strict UTF-8: no overlong forms, surrogates or code points above U+10FFFF.
+bool valid_utf8(std::string_view text)
+{
+    for (size_t i = 0; i < text.size();) {
+        const auto c = static_cast<uint8_t>(text[i]);
+        const size_t n = c < 0x80             ? 1
+                         : (c & 0xE0) == 0xC0 ? 2
+                         : (c & 0xF0) == 0xE0 ? 3
+                         : (c & 0xF8) == 0xF0 ? 4
+                                              : 0;
+        if (n == 0 || text.size() - i < n)
+            return false;
+        uint32_t cp = n == 1 ? c : c & (0x7F >> n);
+        for (size_t k = 1; k < n; k++) {
+            const auto b = static_cast<uint8_t>(text[i + k]);
+            if ((b & 0xC0) != 0x80)
+                return false;
+            cp = (cp << 6) | (b & 0x3F);
+        }
+        constexpr uint32_t k_min[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (cp < k_min[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+            return false;
+        i += n;
+    }
+    return true;
+}
+
+// The outgoing types that a received type may cause.
+bool reply_allowed(int received, int sent)
+{
+    switch (received) {
+    case MSG_REQ_PING:
+        return sent == MSG_RES_PING;
+    case MSG_REQ_TIMEZONE_OFFSET:
+        return sent == MSG_RES_TIMEZONE_OFFSET;
+    case MSG_RES_TIMESYNC:
+        return sent == MSG_REQ_TIMESYNC;
+    case MSG_REQ_COMMAND:
+    case MSG_REQ_FILE_CHUNK:
+        return sent == MSG_RES_COMMAND;
+    default:
+        return false;
+    }
+}
+
+// One outgoing body must decode with the agent's own codec, whole.
+void check_reply_body(int type, const uint8_t *body, size_t size)
+{
+    alignas(8) static uint8_t workspace[4 * k_max_body + 4096];
+    switch (type) {
+    case MSG_RES_PING:
+        FUZZ_CHECK(size == 0);
+        break;
+    case MSG_RES_TIMEZONE_OFFSET: {
+        auto *m = res_timezone_offset_message_new(workspace, sizeof(workspace));
+        FUZZ_CHECK(m != nullptr &&
+                   res_timezone_offset_message_decode(m, body, size) == static_cast<int>(size));
+        break;
+    }
+    case MSG_REQ_TIMESYNC: {
+        auto *m = req_time_sync_new(workspace, sizeof(workspace));
+        FUZZ_CHECK(m != nullptr && req_time_sync_decode(m, body, size) == static_cast<int>(size));
+        break;
+    }
+    case MSG_RES_COMMAND: {
+        auto *m = res_command_message_new(workspace, sizeof(workspace));
+        FUZZ_CHECK(m != nullptr && res_command_message_decode(m, body, size) == static_cast<int>(size));
+        FUZZ_CHECK(m->phase_type == CMD_PHASE_IN_PROGRESS || m->phase_type == CMD_PHASE_DONE);
+        FUZZ_CHECK(m->result_message != nullptr && valid_utf8(m->result_message));
+        break;
+    }
+    default:
+        FUZZ_CHECK(false);
+    }
+}
+
+// Writes the queue and checks everything that reached the DG end since the last call.
+void drain_replies(const setup_t &s, int received_type)
+{
+    if (get_send_queue_count() > 0)
+        FUZZ_CHECK(send_buffer(s.agent) >= 0);
+    static std::string bytes;
+    bytes.clear();
+    char buffer[65536];
+    for (ssize_t n; (n = read(s.dg, buffer, sizeof(buffer))) > 0;)
+        bytes.append(buffer, static_cast<size_t>(n));
+    const auto *p = reinterpret_cast<const uint8_t *>(bytes.data());
+    size_t at = 0;
+    while (at < bytes.size()) {
+        FUZZ_CHECK(bytes.size() - at >= static_cast<size_t>(VK_NIO_HEADER_LEN));
+        const uint8_t *h = p + at;
+        FUZZ_CHECK(h[0] == 0xF9 && h[1] == 0xF2 && h[2] == 0xF8 && h[3] == get_nio_header_version());
+        FUZZ_CHECK(h[4] == NIO_PACKET_TYPE_AGENT && h[5] == 0 && h[6] == 0 && h[7] == 0);
+        const uint32_t length = be32(h + 8);
+        FUZZ_CHECK(length >= static_cast<uint32_t>(VK_NIO_SUB_HEADER_LEN));
+        FUZZ_CHECK(bytes.size() - at - VK_NIO_MAIN_HEADER_LEN >= length);
+        const int type = (h[12] << 8) | h[13];
+        FUZZ_CHECK(reply_allowed(received_type, type));
+        check_reply_body(type, h + VK_NIO_HEADER_LEN, length - VK_NIO_SUB_HEADER_LEN);
+        at += VK_NIO_MAIN_HEADER_LEN + length;
+    }
+}
+
+bool terminated(const char *text, size_t size)
+{
+    return strnlen(text, size) < size;
+}
+
+void check_record(const cmd_info_t &r)
+{
+    FUZZ_CHECK(terminated(r.execution_id, sizeof(r.execution_id)) &&
+               terminated(r.command_id, sizeof(r.command_id)));
+    FUZZ_CHECK(terminated(r.agent_id, sizeof(r.agent_id)) && terminated(r.file_name, sizeof(r.file_name)));
+    FUZZ_CHECK(terminated(r.install_username, sizeof(r.install_username)) &&
+               terminated(r.install_path, sizeof(r.install_path)));
+    FUZZ_CHECK(terminated(r.run_username, sizeof(r.run_username)) &&
+               terminated(r.run_path, sizeof(r.run_path)));
+    FUZZ_CHECK(r.option_count >= 0 && r.option_count <= CMD_OPTION_COUNT);
+    FUZZ_CHECK(r.timeout >= 0);
+}
+
+// The ring's counters agree and its records are terminated; every transfer writes one file
+// directly under <manager>/tmp and points at the ring only where a command was queued.
+void check_state(const setup_t &s)
+{
+    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
+    std::lock_guard<vklock_t> command_guard(g_command_lock);
+    const int count = g_cmd_info_count.load();
+    FUZZ_CHECK(count >= 0 && count <= CMD_INFO_COUNT);
+    FUZZ_CHECK(g_cmd_info_start >= 0 && g_cmd_info_start < CMD_INFO_COUNT);
+    FUZZ_CHECK(g_cmd_info_end == (g_cmd_info_start + count) % CMD_INFO_COUNT);
+    for (const cmd_info_t &r : g_cmd_info)
+        check_record(r);
+    const std::string tmp_prefix = s.manager + "/tmp/";
+    uint64_t cursor = MAP_CURSOR_START;
+    for (void *value = nullptr;;) {
+        value = nullptr;
+        map_get_next_node(&g_patch_list_map, &cursor, &value);
+        if (value == nullptr)
+            break;
+        const auto *item = static_cast<const patch_item_t *>(value);
+        FUZZ_CHECK(terminated(item->file_path, sizeof(item->file_path)));
+        const std::string_view path(item->file_path);
+        FUZZ_CHECK(path.substr(0, tmp_prefix.size()) == tmp_prefix);
+        const std::string_view name = path.substr(tmp_prefix.size());
+        FUZZ_CHECK(!name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos);
+        FUZZ_CHECK(name == item->command.file_name);
+        FUZZ_CHECK(item->buffer_index == -1 ||
+                   (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT));
+        FUZZ_CHECK(item->buffer_index == -1 || item->file == nullptr);
+        check_record(item->command);
+    }
+}
+
+void close_and_free(void *value)
+{
+    auto *item = static_cast<patch_item_t *>(value);
+    if (item->file != nullptr)
+        fclose(item->file);
+    free(item);
+}
+
+bool only(const std::vector<std::string> &names, std::initializer_list<std::string_view> allowed)
+{
+    return std::all_of(names.begin(), names.end(), [&](const std::string &name) {
+        return std::find(allowed.begin(), allowed.end(), name) != allowed.end();
+    });
+}
+
+// Back to the state after set-up; checks that nothing was written outside data and tmp.
+void reset(const setup_t &s)
+{
+    {
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        memset(g_cmd_info, 0, sizeof(g_cmd_info));
+        g_cmd_info_start = 0;
+        g_cmd_info_end = 0;
+        g_cmd_info_count.store(0);
+    }
+    {
+        std::lock_guard<vklock_t> guard(g_hash_lock);
+        map_destroy_ex(&g_patch_list_map, close_and_free);
+    }
+    FUZZ_CHECK(init_chunk_hash() == 0);
+    {
+        std::lock_guard<vklock_t> guard(g_send_queue_lock);
+        clear_send_queue();
+    }
+    g_ncnt_timesync = 0;
+    memset(g_narr_difftime, 0, sizeof(g_narr_difftime));
+    set_manager_id("");
+
+    FUZZ_CHECK(only(fuzz_support::list_dir(s.dir), {"home", "log"}));
+    FUZZ_CHECK(fuzz_support::list_dir(s.home) == std::vector<std::string>{"manager"});
+    FUZZ_CHECK(only(fuzz_support::list_dir(s.manager), {"data", "tmp"}));
+    FUZZ_CHECK(only(fuzz_support::list_dir(s.manager + "/data"), {"manager_id"}));
+    for (const std::string &name : fuzz_support::list_dir(s.manager + "/tmp")) {
+        const std::string path = s.manager + "/tmp/" + name;
+        struct stat st {
+        };
+        FUZZ_CHECK(lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode));
+        FUZZ_CHECK(unlink(path.c_str()) == 0);
+    }
+}
+
+// The packet as the DG frames it (version 2, packet type 4, body kind 1), in a buffer of
+// exactly its size so that ASan sees any read past the body.
+std::unique_ptr<char[]> build_packet(int type, const uint8_t *body, size_t body_length)
+{
+    std::unique_ptr<char[]> packet(new char[VK_NIO_HEADER_LEN + body_length]);
+    auto *p = reinterpret_cast<uint8_t *>(packet.get());
+    const uint32_t length = static_cast<uint32_t>(body_length) + VK_NIO_SUB_HEADER_LEN;
+    const uint8_t main_header[VK_NIO_MAIN_HEADER_LEN] = {0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0};
+    memcpy(p, main_header, sizeof(main_header));
+    for (int i = 0; i < 4; i++)
+        p[8 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
+    const uint8_t sub_header[VK_NIO_SUB_HEADER_LEN] = {
+        static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    memcpy(p + VK_NIO_MAIN_HEADER_LEN, sub_header, sizeof(sub_header));
+    memcpy(p + VK_NIO_HEADER_LEN, body, body_length);
+    return packet;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const setup_t &s = set_up();
+    for (size_t frames = 0; size >= k_frame_header && frames < k_max_frames; frames++) {
+        const int selector = data[0] % 7;
+        const int type = selector < 6 ? k_types[selector] : (data[0] << 8) | data[1];
+        const size_t body_length =
+            std::min({size_t{(size_t{data[2]} << 8) | data[3]}, size - k_frame_header, k_max_body});
+        std::unique_ptr<char[]> packet = build_packet(type, data + k_frame_header, body_length);
+        data += k_frame_header + body_length;
+        size -= k_frame_header + body_length;
+
+        int socket = s.agent;
+        const int rc = read_msg_nio(packet.get(), &socket);
+        FUZZ_CHECK(rc <= 0 && rc >= -8);
+        drain_replies(s, type);
+        check_state(s);
+    }
+    reset(s);
+    return 0;
+}
