@@ -49,10 +49,6 @@ namespace
 
 constexpr size_t k_line_keep = 4096;   // bytes of a line the loader looks at
 constexpr size_t k_value_limit = 1023; // a value this long or longer refuses the file
-// The loader's trimming gives an empty text a null pointer, which vklog_config_set ignores
-// (-2): "[]" keeps the preset's name and "level =" passes instead of refusing the file.
-// The model follows today's behaviour; set this to false once empty texts reach the setter.
-constexpr bool k_empty_text_ignored = true;
 
 std::string_view trim(std::string_view text)
 {
@@ -94,8 +90,6 @@ int model_load(std::string_view file, std::vector<std::string> *sections)
             if (close == std::string_view::npos)
                 return -12;
             std::string_view name = cut_at_nul(trim(line.substr(1, close - 1)).substr(0, 127));
-            if (k_empty_text_ignored && trim(line.substr(1, close - 1)).empty())
-                name = "default config"; // the preset's name stays
             sections->emplace_back(name);
             continue;
         }
@@ -105,8 +99,7 @@ int model_load(std::string_view file, std::vector<std::string> *sections)
         std::string_view value = trim(line.substr(eq + 1));
         if (value.size() >= k_value_limit)
             return -13;
-        if (trim(line.substr(0, eq)) == "level" && !(k_empty_text_ignored && value.empty()) &&
-            !level_valid(cut_at_nul(value)))
+        if (trim(line.substr(0, eq)) == "level" && !level_valid(cut_at_nul(value)))
             return -14;
     }
     return 0;

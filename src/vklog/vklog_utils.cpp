@@ -89,7 +89,7 @@ std::string_view vl_trim(std::string_view text)
     constexpr std::string_view blanks = " \t\r\n";
     size_t first = text.find_first_not_of(blanks);
     if (first == std::string_view::npos)
-        return {};
+        return text.substr(text.size()); // empty, but still pointing into the text: an empty value, not a missing one
     size_t last = text.find_last_not_of(blanks);
     return text.substr(first, last - first + 1);
 }
