@@ -186,11 +186,13 @@ struct options {
     int runs = 3;
     int idle_seconds = 60;
     std::string only = "ping,patch,idle";
+    std::string feed = "both"; // minimal, sim or both
     std::string dir = "/tmp";
     bool wants(const char *part) const
     {
         return ("," + only + ",").find(std::string(",") + part + ",") != std::string::npos;
     }
+    bool fed_by(bool sim) const { return feed == "both" || feed == (sim ? "sim" : "minimal"); }
 };
 
 const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
@@ -199,6 +201,8 @@ const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
   --runs R          transfers per pairing, the median is reported (default 3)
   --idle-seconds S  length of the idle window (default 60)
   --only LIST       comma-separated parts to run: ping,patch,idle (default all)
+  --feed WHO        senders for ping and patch: minimal, sim or both (default both; the
+                    ratios that need the other sender then print as 0)
   --dir DIR         where the homes and files go (default /tmp); every receiver writes to
                     this one file system
 )";
@@ -365,7 +369,7 @@ bool run_ping(const options &opt)
     printf("   minimal DG:  the 50000 written to the 40000 read, on the socket alone\n");
     double rate[2][2] = {}; // [sim][agent]
     for (int sim = 1; sim >= 0; sim--) {
-        for (int agent = 1; agent >= 0; agent--) {
+        for (int agent = 1; agent >= 0 && opt.fed_by(sim == 1); agent--) {
             session s(opt, agent == 1, sim == 1);
             ping_figures fig;
             if (!s.ok() || !measure_pings(s, opt.pings, &fig)) {
@@ -377,9 +381,10 @@ bool run_ping(const options &opt)
                    fig.p50_us, fig.p99_us);
         }
     }
+    auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
     printf("RESULT ping via-sim agent %.0f/s minimal-peer %.0f/s ratio %.2f | direct agent %.0f/s minimal-peer "
            "%.0f/s ratio %.2f\n",
-           rate[1][1], rate[1][0], rate[1][1] / rate[1][0], rate[0][1], rate[0][0], rate[0][1] / rate[0][0]);
+           rate[1][1], rate[1][0], ratio(rate[1][1], rate[1][0]), rate[0][1], rate[0][0], ratio(rate[0][1], rate[0][0]));
     return true;
 }
 
@@ -414,7 +419,7 @@ void settle(const std::string &dir)
 }
 
 // The floor: a sender that reads the file in 64 KiB pieces and send()s them over loopback, a
-// receiver that recv()s into 64 KiB and write()s to a file on the same file system. Returns
+// receiver that recv()s 64 KiB pieces and write()s them to a file on the same file system. Returns
 // the seconds from the sender's open to the receiver's close, or -1.
 double floor_run(const std::string &src, const std::string &dst, uint64_t bytes)
 {
@@ -432,7 +437,8 @@ double floor_run(const std::string &src, const std::string &dst, uint64_t bytes)
         fd_guard conn(accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC));
         fd_guard out(open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755));
         std::vector<char> buf(k_chunk);
-        for (ssize_t n; conn.fd >= 0 && out.fd >= 0 && (n = recv(conn.fd, buf.data(), buf.size(), 0)) != 0;) {
+        // MSG_WAITALL: whole 64 KiB pieces, so the file sees the writes a chunk receiver makes.
+        for (ssize_t n; conn.fd >= 0 && out.fd >= 0 && (n = recv(conn.fd, buf.data(), buf.size(), MSG_WAITALL)) != 0;) {
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0 || !write_all(out.fd, buf.data(), static_cast<size_t>(n)))
@@ -542,6 +548,8 @@ bool run_patch(const options &opt)
     // [0] agent <- minimal DG, [1] peer <- minimal DG, [2] agent <- sim, [3] peer <- sim
     std::unique_ptr<session> sessions[4];
     for (int i = 0; i < 4; i++) {
+        if (!opt.fed_by(i >= 2))
+            continue;
         sessions[i] = std::make_unique<session>(opt, i % 2 == 0, i >= 2);
         if (!sessions[i]->ok()) {
             fprintf(stderr, "dg_bench: %s did not start\n%s\n", sessions[i]->name().c_str(),
@@ -562,6 +570,8 @@ bool run_patch(const options &opt)
         floor_rate.push_back(mb / secs);
         printf("run %d: floor %.1f", run, floor_rate.back());
         for (int i = 0; i < 4; i++) {
+            if (!sessions[i])
+                continue;
             transfer t;
             if (!session_run(*sessions[i], src, bytes, run, &t))
                 return false;
@@ -575,12 +585,13 @@ bool run_patch(const options &opt)
     printf("%-30s %8.1f MB/s\n", "floor (send/recv/write)", f);
     for (int i = 0; i < 4; i++) {
         r[i] = median(rate[i]);
-        printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB\n", sessions[i]->name().c_str(), r[i],
-               r[i] / f, peak[i] / 1024.0);
+        if (sessions[i])
+            printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB\n", sessions[i]->name().c_str(),
+                   r[i], r[i] / f, peak[i] / 1024.0);
     }
     printf("RESULT patch floor %.1f MB/s | direct agent %.1f MB/s ratio-to-floor %.2f minimal-peer %.1f MB/s | "
            "via-sim agent %.1f MB/s minimal-peer %.1f MB/s ratio %.2f | agent-peak-rss %.2f MiB\n",
-           f, r[0], r[0] / f, r[1], r[2], r[3], r[2] / r[3], std::max(peak[0], peak[2]) / 1024.0);
+           f, r[0], r[0] / f, r[1], r[2], r[3], r[3] > 0 ? r[2] / r[3] : 0.0, std::max(peak[0], peak[2]) / 1024.0);
     return true;
 }
 
@@ -646,12 +657,15 @@ bool parse(int argc, char **argv, options *opt)
             opt->idle_seconds = atoi(v);
         else if (a == "--only")
             opt->only = v;
+        else if (a == "--feed")
+            opt->feed = v;
         else if (a == "--dir")
             opt->dir = v;
         else
             return false;
     }
-    return opt->pings > 0 && opt->patch_mib > 0 && opt->runs > 0 && opt->idle_seconds > 0;
+    return opt->pings > 0 && opt->patch_mib > 0 && opt->runs > 0 && opt->idle_seconds > 0 &&
+           (opt->feed == "minimal" || opt->feed == "sim" || opt->feed == "both");
 }
 
 } // namespace
