@@ -335,50 +335,62 @@ class session
 
 // ---- ping round trips ----------------------------------------------------------------------------
 
+// Round-trip times of one receiver, gathered over several blocks.
 struct ping_figures {
-    double per_second = 0, p50_us = 0, p99_us = 0;
+    std::vector<double> us;
+    double seconds = 0;
+    double per_second() const { return seconds > 0 ? static_cast<double>(us.size()) / seconds : 0; }
+    double percentile(int p)
+    {
+        std::sort(us.begin(), us.end());
+        return us.empty() ? 0 : us[std::min(us.size() - 1, us.size() * static_cast<size_t>(p) / 100)];
+    }
 };
 
-// n pings, one at a time, after 200 unmeasured ones.
+// n pings, one at a time.
 bool measure_pings(session &s, int n, ping_figures *out)
 {
-    std::vector<double> us;
-    us.reserve(static_cast<size_t>(n));
-    for (int i = 0; i < std::min(200, n); i++)
-        if (!s.ping())
-            return false;
     auto t0 = steady::now();
     for (int i = 0; i < n; i++) {
         auto t = steady::now();
         if (!s.ping())
             return false;
-        us.push_back(seconds_since(t) * 1e6);
+        out->us.push_back(seconds_since(t) * 1e6);
     }
-    double total = seconds_since(t0);
-    std::sort(us.begin(), us.end());
-    out->per_second = n / total;
-    out->p50_us = us[us.size() / 2];
-    out->p99_us = us[std::min(us.size() - 1, us.size() * 99 / 100)];
+    out->seconds += seconds_since(t0);
     return true;
 }
 
 bool run_ping(const options &opt)
 {
-    printf("\n== ping round trips, %d each, one at a time ==\n", opt.pings);
+    constexpr int k_blocks = 10;
+    printf("\n== ping round trips, %d each, one at a time, agent and peer in turn over %d blocks ==\n", opt.pings,
+           k_blocks);
     printf("   quil-dg-sim: the ping command on its input to the 40000's recv line on its output\n");
     printf("   minimal DG:  the 50000 written to the 40000 read, on the socket alone\n");
     double rate[2][2] = {}; // [sim][agent]
     for (int sim = 1; sim >= 0; sim--) {
-        for (int agent = 1; agent >= 0 && opt.fed_by(sim == 1); agent--) {
-            session s(opt, agent == 1, sim == 1);
-            ping_figures fig;
-            if (!s.ok() || !measure_pings(s, opt.pings, &fig)) {
-                fprintf(stderr, "dg_bench: ping with %s failed\n%s\n", s.name().c_str(), s.log_tail().c_str());
-                return false;
+        if (!opt.fed_by(sim == 1))
+            continue;
+        session agent(opt, true, sim == 1), peer(opt, false, sim == 1);
+        session *both[2] = {&peer, &agent};
+        ping_figures fig[2];
+        // Warm-up, then alternating blocks, so a change of load touches both alike.
+        for (int block = -1; block < k_blocks; block++) {
+            for (int i = 1; i >= 0; i--) {
+                ping_figures warm;
+                int n = block < 0 ? std::min(200, opt.pings) : opt.pings / k_blocks;
+                if (!both[i]->ok() || !measure_pings(*both[i], n, block < 0 ? &warm : &fig[i])) {
+                    fprintf(stderr, "dg_bench: ping with %s failed\n%s\n", both[i]->name().c_str(),
+                            both[i]->log_tail().c_str());
+                    return false;
+                }
             }
-            rate[sim][agent] = fig.per_second;
-            printf("%-30s %10.0f round trips/s   p50 %7.1f us   p99 %7.1f us\n", s.name().c_str(), fig.per_second,
-                   fig.p50_us, fig.p99_us);
+        }
+        for (int i = 1; i >= 0; i--) {
+            rate[sim][i] = fig[i].per_second();
+            printf("%-30s %10.0f round trips/s   p50 %7.1f us   p99 %7.1f us\n", both[i]->name().c_str(),
+                   rate[sim][i], fig[i].percentile(50), fig[i].percentile(99));
         }
     }
     auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
@@ -518,7 +530,8 @@ bool session_run(session &s, const std::string &src, uint64_t bytes, int run, tr
 double median(std::vector<double> v)
 {
     std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
+    size_t n = v.size();
+    return n == 0 ? 0 : n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
 bool run_patch(const options &opt)
@@ -582,6 +595,15 @@ bool run_patch(const options &opt)
         printf(" MB/s\n");
     }
     double f = median(floor_rate), r[4];
+    if (sessions[0]) {
+        std::vector<double> paired;
+        printf("agent <- minimal DG / floor, run by run:");
+        for (size_t i = 0; i < floor_rate.size(); i++) {
+            paired.push_back(rate[0][i] / floor_rate[i]);
+            printf(" %.2f", paired.back());
+        }
+        printf(" (median %.2f)\n", median(paired));
+    }
     printf("%-30s %8.1f MB/s\n", "floor (send/recv/write)", f);
     for (int i = 0; i < 4; i++) {
         r[i] = median(rate[i]);
