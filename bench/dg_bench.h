@@ -1,0 +1,127 @@
+// dg_bench's own wire side: the framing, the minimal peer that stands where the agent stands
+// (dg_bench --peer) and the minimal DG sender that stands where quil-dg-sim stands, both on
+// libprotobuf and plain sockets. Used by dg_bench.cpp only. A dg_feeder may be used from two
+// threads: its reader thread and the one thread that drives it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+namespace dg_bench
+{
+
+// ---- plain I/O ------------------------------------------------------------------------------
+
+// Writes all of data (send with MSG_NOSIGNAL on a socket, write otherwise). False on an error.
+bool write_all(int fd, const void *data, size_t n);
+// Reads exactly n bytes. False on end of stream or an error before that.
+bool read_full(int fd, void *data, size_t n);
+
+// Owns one descriptor.
+struct fd_guard {
+    int fd = -1;
+    explicit fd_guard(int f = -1) : fd(f) {}
+    ~fd_guard() { reset(); }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+    void reset(int f = -1)
+    {
+        if (fd >= 0)
+            close(fd);
+        fd = f;
+    }
+};
+
+// ---- framing --------------------------------------------------------------------------------
+//
+//   0        3    4      5          8            12      14          18   19            23
+//   | F9F2F8 | ver | ptype | 00 00 00 | length BE | type | packet_id | bk | stamp BE | body
+//   length = 11 + body length
+constexpr size_t k_header_size = 23;
+constexpr uint32_t k_max_length = 16u << 20;
+
+// The 23-byte header of a packet of `type` with a body of body_size bytes (version 2,
+// packet_type 4, packet_id 0, the usual stamp). Cannot fail.
+std::string frame_header(uint16_t type, uint8_t body_kind, size_t body_size);
+
+// Reads one packet. True with *type and *body filled; false at the end of the stream, on an
+// error or on a bad magic or length (the stream is then unusable).
+bool read_frame(int fd, uint16_t *type, std::string *body);
+
+// ---- the minimal peer -----------------------------------------------------------------------
+
+// Connects to 127.0.0.1:port and answers like the agent, with nothing else: 50000 with
+// 40000; a 60001 patch_start opens dir/<file name>; each 60004 write()s its chunk_data there;
+// the last one closes the file and is reported with a 60002 "write success". Returns 0 when
+// the other side closes, 1 on a connect or write error.
+int run_peer(int port, const std::string &dir);
+
+// ---- the minimal DG sender ------------------------------------------------------------------
+
+// A 60002 result as the sender saw it.
+struct result_line {
+    std::string execution_id;
+    int phase = 0;
+    int result = 0;
+    std::string message;
+};
+
+// Listens on 127.0.0.1 (any free port) for one connection and serves it: answers 10043 with
+// 50036 and 40006 with 50020, counts 40000 answers, keeps the 60002 results. Sends pings and
+// patches as fast as a read() and a writev() per chunk allow.
+class dg_feeder
+{
+  public:
+    dg_feeder();
+    ~dg_feeder();
+    dg_feeder(const dg_feeder &) = delete;
+    dg_feeder &operator=(const dg_feeder &) = delete;
+
+    // The listening port, 0 when the listener could not be set up.
+    int port() const { return m_port; }
+    // Accepts the connection and starts serving it. False on time-out or error.
+    bool accept_one(std::chrono::milliseconds timeout);
+    // Waits until a 10043 has been answered. False on time-out.
+    bool wait_handshake(std::chrono::milliseconds timeout);
+    // One round trip: a 50000, then the next 40000. False on time-out or a failed write.
+    bool ping(std::chrono::milliseconds timeout);
+    // A 60001 patch_start for the file at src (its name `name`, its size `size`), then the
+    // file as 60004 chunks of chunk bytes. Returns once the last chunk was written to the
+    // socket; false with *error on a failed read or write.
+    bool patch(const std::string &src, uint64_t size, size_t chunk, const std::string &exec,
+               const std::string &agent_id, const std::string &name, std::string *error);
+    // Number of results so far: pass it to wait_result to look only at later ones.
+    size_t mark();
+    // The first result at position `from` or later that satisfies match, waiting up to
+    // timeout; nullopt on time-out or when the connection ended without it.
+    std::optional<result_line> wait_result(const std::function<bool(const result_line &)> &match,
+                                           std::chrono::milliseconds timeout, size_t from);
+
+  private:
+    void reader();
+    bool send_frame(uint16_t type, uint8_t body_kind, const std::string &body);
+
+    fd_guard m_listener;
+    fd_guard m_conn;
+    int m_port = 0;
+    std::mutex m_write_lock; // whole frames only
+    std::mutex m_lock;       // guards the fields below
+    std::condition_variable m_cv;
+    bool m_handshake = false;
+    bool m_ended = false;
+    uint64_t m_pongs = 0;
+    std::vector<result_line> m_results;
+    std::thread m_reader;
+};
+
+} // namespace dg_bench
