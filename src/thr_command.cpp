@@ -103,10 +103,14 @@ void run_command(cmd_info_t *record, int idx)
 {
     {
         std::lock_guard<vklock_t> guard(g_json_lock);
-        g_custom_prefix_flag = convert_env_to_cmd(g_json_prefix_option, g_custom_prefix, record->run_username);
-        // Only the second conversion's result is kept: both use the same template.
+        int run = convert_env_to_cmd(g_json_prefix_option, g_custom_prefix, record->run_username);
+        // Both conversions use the same template, so the second result stands for both, except
+        // that a user name the first one refused must not let stop.sh and start.sh run
+        // without their user switch.
         g_custom_prefix_flag =
             convert_env_to_cmd(g_json_prefix_option, g_custom_patch_prefix, record->install_username);
+        if (run < 0)
+            g_custom_prefix_flag = run;
     }
     VKLOG_INFO(g_vklog.load(), "[execute_command] command prefix info g_custom_prefix[%s] g_custom_patch_prefix[%s] g_custom_prefix_flag[%d]\n",
                g_custom_prefix, g_custom_patch_prefix, g_custom_prefix_flag);

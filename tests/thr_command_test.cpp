@@ -180,6 +180,22 @@ TEST_F(Execute, PrefixAndRootRule)
     EXPECT_EQ(r[0].result(), 2);
     EXPECT_EQ(r[0].result_message(), "[agent_manager] convert error with prefix. g_custom_prefix[-3]");
 
+    // A run user the prefix refuses is not hidden by a usable install user: nothing runs
+    // without its user switch.
+    {
+        std::lock_guard<vklock_t> guard(g_json_lock);
+        vk_strlcpy(g_json_prefix_option, "sudo -u ${run_user_name}", sizeof(g_json_prefix_option));
+    }
+    unlink((dir.path + "/order").c_str());
+    cmd_info_t bad_user = command(CMD_AGENT_STOP, "x2b");
+    vk_strlcpy(bad_user.run_username, "a;reboot");
+    queue(bad_user);
+    execute_command();
+    r = dg.results();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].result_message(), "[agent_manager] convert error with prefix. g_custom_prefix[-4]");
+    EXPECT_EQ(order(), "") << "nothing ran";
+
     {
         std::lock_guard<vklock_t> guard(g_json_lock);
         g_json_prefix_option[0] = '\0';
