@@ -41,6 +41,8 @@ namespace
 constexpr int k_keepalive_idle_s = 60;
 constexpr int k_keepalive_interval_s = 10;
 constexpr int k_keepalive_count = 6;
+// Seconds a write may wait for a DG that does not read before it fails.
+constexpr int k_send_timeout_s = 30;
 // Connect failures in a row that are logged; later ones stay silent until a success.
 constexpr int k_logged_connect_failures = 3;
 
@@ -72,6 +74,10 @@ void set_socket_options(int sock)
     setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
     setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
     setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count));
+    // A DG that keeps the connection but stops reading must not hold a writer (and with it
+    // the write lock the ping answer needs) for ever.
+    timeval send_timeout{k_send_timeout_s, 0};
+    setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof(send_timeout));
 }
 
 // Starts the sender thread, detached with the worker stack size.
@@ -168,6 +174,7 @@ void *thr_DGConn(void *)
         if (ret >= 0 || ret == -100)
             continue;
         DisconnectDGServer(sock);
+        g_dg_sock.store(0); // closed: the final disconnect must not close a reused number
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
         VKLOG_INFO(g_vklog.load(), "[thr_DGConn] retry connection ... [ret: %d]\n", ret);
     }
@@ -340,8 +347,13 @@ ssize_t Write(int socket, const void *buffer, size_t length, int flags)
         ssize_t n = send(socket, p + done, length - done, flags | MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (n <= 0) {
+            // Part of a packet is on the wire: the stream is cut, so end the connection
+            // (the receive loop sees it and reconnects) rather than let the DG read on.
+            if (done > 0)
+                shutdown(socket, SHUT_RDWR);
             return done > 0 ? static_cast<ssize_t>(done) : -1;
+        }
         done += static_cast<size_t>(n);
     }
     return static_cast<ssize_t>(done);

@@ -93,7 +93,9 @@ void destroy_send_queue(void *entry);
 void send_buffer_switch(int state);
 // Writes the whole buffer (continuing after short writes and interrupts; never raises
 // SIGPIPE). A negative socket reports length without writing. Returns the bytes written, or
-// -1 with errno when the socket fails (0 for a zero length).
+// -1 with errno when the socket fails (0 for a zero length). A failure after part of the
+// buffer went out (the send time-out of a DG that stopped reading) returns the part and
+// shuts the socket down, since the DG would read the next packet from the middle of this one.
 ssize_t Write(int socket, const void *buffer, size_t length, int flags);
 // Thread body of THR_DGCONN_SENDER: writes the queue every 100 ms while connected.
 void *thr_DGConn_sender(void *argument);
