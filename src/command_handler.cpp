@@ -116,18 +116,24 @@ void report(cmd_info_t &record, int result, int phase, const char *format, Args.
     memset(record.result_message, 0, sizeof(record.result_message));
 }
 
+// The request and the stored record at INFO: "[set_command] idx[N][proto ] ..." for a ring
+// slot, "[patch_command] [proto ] ..." for a patch item (idx -1), which has no slot yet.
 void log_request(const char *func, int idx, const req_command_message_t *msg, const cmd_info_t &record)
 {
-    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][proto ] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
-               func, idx, msg->execution_id, msg->agent_id, msg->agent_type, msg->cmd_type,
+    char slot[24] = "";
+    if (idx >= 0)
+        snprintf(slot, sizeof(slot), "idx[%d]", idx);
+    const char *gap = idx >= 0 ? "" : " ";
+    VKLOG_INFO(g_vklog.load(), "[%s]%s%s[proto ] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
+               func, gap, slot, msg->execution_id, msg->agent_id, msg->agent_type, msg->cmd_type,
                cmd_type_name(msg->cmd_type), static_cast<int>(msg->timeout));
-    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][struct] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
-               func, idx, record.execution_id, record.agent_id, record.agent_type, record.cmd_type,
+    VKLOG_INFO(g_vklog.load(), "[%s]%s%s[struct] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
+               func, gap, slot, record.execution_id, record.agent_id, record.agent_type, record.cmd_type,
                cmd_type_name(record.cmd_type), record.timeout);
-    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][proto ] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
-               func, idx, msg->install_username, msg->install_path, msg->run_username, msg->run_path);
-    VKLOG_INFO(g_vklog.load(), "[%s] idx[%d][struct] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
-               func, idx, record.install_username, record.install_path, record.run_username, record.run_path);
+    VKLOG_INFO(g_vklog.load(), "[%s]%s%s[proto ] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
+               func, gap, slot, msg->install_username, msg->install_path, msg->run_username, msg->run_path);
+    VKLOG_INFO(g_vklog.load(), "[%s]%s%s[struct] install_username[%s] install_path[%s] run_username[%s] run_path[%s]\n",
+               func, gap, slot, record.install_username, record.install_path, record.run_username, record.run_path);
 }
 
 // A patch file name must name one file directly under tmp: no path, no "." or "..", no

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -81,12 +82,28 @@ void append_result(cmd_info_t *record, const char *text)
     vk_strlcpy(record->result_message + len, text, CMD_RESULT_MESSAGE_SIZE - len);
 }
 
+// True when every character of the run path is a letter, a digit or one of "/._-+@=,:~".
+bool run_path_allowed(const char *path)
+{
+    for (const char *p = path; *p != '\0'; p++)
+        if (!isalnum(static_cast<unsigned char>(*p)) && strchr("/._-+@=,:~", *p) == nullptr)
+            return false;
+    return true;
+}
+
 // Builds the command line of run_type: stop.sh and start.sh under the run-user prefix,
 // the patch program with its install-information file under the install-user prefix; the
 // prefixes only when the prefix conversion gave 1. Returns 0; -1 unknown run type; -2 the
-// line does not fit in 1023 characters (a cut line would run a different path).
+// line does not fit in 1023 characters (a cut line would run a different path); -3 the run
+// path holds a character outside run_path_allowed's set.
 int build_command_line(const cmd_info_t *r, int run_type, char (&out)[COMMAND_LINE_SIZE])
 {
+    // The run path goes into the shell line unquoted, after the run user's prefix: a
+    // character the shell reads as syntax would run something outside that prefix.
+    if (run_type != RUN_TYPE_SETUP && !run_path_allowed(r->run_path)) {
+        out[0] = '\0';
+        return -3;
+    }
     const bool prefixed = g_custom_prefix_flag == 1;
     const char *home = g_vk_manager_home;
     int n;
@@ -192,10 +209,11 @@ pid_t start_child(char *command, int write_fd)
     return pid;
 }
 
-// Polls, without reaping, until the shell has exited or the monotonic deadline passes.
-// True when it has exited (or is no child of ours any more). The zombie keeps its pid,
-// so the group id cannot be taken by another process before the group is killed.
-bool wait_exit_until(pid_t pid, int64_t deadline)
+// Polls, without reaping, until the shell has exited or the monotonic deadline passes (or,
+// with a record, a stop of that command is requested). True when it has exited (or is no
+// child of ours any more). The zombie keeps its pid, so the group id cannot be taken by
+// another process before the group is killed.
+bool wait_exit_until(pid_t pid, int64_t deadline, const cmd_info_t *stoppable = nullptr)
 {
     for (;;) {
         siginfo_t info{};
@@ -203,7 +221,7 @@ bool wait_exit_until(pid_t pid, int64_t deadline)
         int ret = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
         if ((ret == 0 && info.si_pid == pid) || (ret < 0 && errno != EINTR))
             return true;
-        if (mono_msec() >= deadline)
+        if (mono_msec() >= deadline || (stoppable != nullptr && command_stop_requested(stoppable)))
             return false;
         vk_sleep(EXIT_POLL_MS);
     }
@@ -343,11 +361,11 @@ int settle_run(cmd_info_t *record, int rc, pid_t pid, int64_t start, size_t star
     if (rc == 0)
         rc = judge_output(record, start_len, len);
     // The output may end while the shell goes on (exec >/dev/null; sleep ...): it gets until
-    // the time-out, then its group is ended and the verdict stands. The command thread never
-    // waits for a script without bound.
-    if (!wait_exit_until(pid, start + record->timeout)) {
+    // the time-out or a stop, then its group is ended and the verdict stands. The command
+    // thread never waits for a script without bound.
+    if (!wait_exit_until(pid, start + record->timeout, record)) {
         VKLOG_INFO(g_vklog.load(),
-                   "[run_script] output ended but the shell still runs at the time-out. pid[%d] timeout[%d] "
+                   "[run_script] output ended but the shell still runs at the time-out or stop. pid[%d] timeout[%d] "
                    "execution_id [%s]\n",
                    pid, record->timeout, record->execution_id);
         end_process_group(pid);
@@ -377,6 +395,12 @@ int refuse_command_line(cmd_info_t *record, int run_type, int reason, const char
     record->result = CMD_RESULT_FAIL;
     if (reason == -1) {
         VKLOG_ERROR(g_vklog.load(), "[run_script] unknown run_type[%d]\n", run_type);
+        return -97;
+    }
+    if (reason == -3) {
+        VKLOG_ERROR(g_vklog.load(), "[run_script] run path not allowed. run_type[%d][%s] run_path[%s]\n", run_type,
+                    run_type_name(run_type), record->run_path);
+        append_result(record, "[agent manager] run path is not allowed");
         return -97;
     }
     VKLOG_ERROR(g_vklog.load(), "[run_script] command line too long. run_type[%d][%s] command[%s]\n",

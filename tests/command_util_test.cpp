@@ -280,6 +280,12 @@ TEST_F(RunScriptTest, NoCommandLineRunsNothing)
     EXPECT_EQ(rec.result, CMD_RESULT_FAIL);
     EXPECT_EQ(rec.result_message, std::string("before|[agent manager] command line too long"));
     EXPECT_EQ(run_script(&rec, 3), -97); // no such run type
+    // A run path the shell would read as syntax could escape the run user's prefix.
+    prepare(RUN_TYPE_STOP, "echo vkSuccess", 10000, "");
+    vk_strlcpy(rec.run_path, "/opt/x; touch " + dir.path + "/escaped #");
+    EXPECT_EQ(run_script(&rec, RUN_TYPE_STOP), -97);
+    EXPECT_EQ(rec.result_message, std::string("[agent manager] run path is not allowed"));
+    EXPECT_NE(access((dir.path + "/escaped").c_str(), F_OK), 0);
     EXPECT_EQ(rec.status, CMD_STATUS_USED);
     EXPECT_EQ(log_count("[run_script] start command["), 0u);
 }
