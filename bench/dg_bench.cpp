@@ -5,6 +5,7 @@
 // that peer; the transfer is also set beside a plain send/recv/write pair (the floor); the idle
 // footprint is the agent's CPU and memory while connected and left alone.
 // Started by scripts/bench; `dg_bench --help` lists the options.
+#include "daemon_support.h"
 #include "dg_bench.h"
 #include "dg_sim_support.h"
 
@@ -136,23 +137,8 @@ class child
   public:
     child(std::vector<std::string> argv, std::vector<std::string> env, const std::string &out,
           const std::string &err)
+        : m_pid(daemon_support::spawn(std::move(argv), std::move(env), out, err))
     {
-        auto pointers = [](std::vector<std::string> &list) {
-            std::vector<char *> p;
-            for (auto &s : list)
-                p.push_back(s.data());
-            p.push_back(nullptr);
-            return p;
-        };
-        std::vector<char *> av = pointers(argv), ev = pointers(env);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&m_pid, av[0], &actions, nullptr, av.data(), env.empty() ? environ : ev.data()) != 0)
-            m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
     }
     ~child()
     {
