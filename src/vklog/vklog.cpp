@@ -140,9 +140,9 @@ int vl_put_process(char *out, size_t size, unsigned int opt)
     bool tid = (opt & VKLOG_HEADER_THREAD_ID) != 0;
     unsigned long thread = static_cast<unsigned long>(pthread_self());
     if (pid && tid)
-        return snprintf(out, size, "[%d:%lx]", static_cast<int>(getpid()), thread);
+        return snprintf(out, size, "[%d:%lx]", vl_process_id(), thread);
     if (pid)
-        return snprintf(out, size, "[%d]", static_cast<int>(getpid()));
+        return snprintf(out, size, "[%d]", vl_process_id());
     return snprintf(out, size, "[%lx]", thread);
 }
 

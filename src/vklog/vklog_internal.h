@@ -117,6 +117,8 @@ unsigned long vl_parse_unsigned(std::string_view text, int base, bool *whole);
 size_t vl_copy(char *dest, size_t size, std::string_view text);
 // Creates the directory one level (mode 0750). 0 when it exists or was made, else -1.
 int vl_make_directory(const char *directory);
+// The process id, asked of the kernel once per process (a fork's child asks again).
+int vl_process_id();
 
 // ---- UDP packet (vklog_packet, vklog_crc32) -------------------------------
 extern const std::array<uint32_t, 256> crc32_tab;

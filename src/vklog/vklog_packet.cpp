@@ -118,7 +118,7 @@ size_t vl_vklogger_set_packet_from_config(const vklog_config_t *config, unsigned
     off += put_text(buffer + off, config->name, name_len < config->name_len ? name_len : config->name_len);
     off += put_text(buffer + off, config->out_file,
                     file_len < config->out_file_len ? file_len : config->out_file_len);
-    put64(buffer + off, static_cast<uint64_t>(getpid()));
+    put64(buffer + off, static_cast<uint64_t>(vl_process_id()));
     off += 8;
     put32(buffer + off, 0); // text length, stored when the text is in place
     return off + 4;

@@ -8,7 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -16,7 +19,28 @@ namespace
 constexpr mode_t s_dir_mode = 0750;
 constexpr size_t s_path_size = 4096;
 
+// Every header with a pid item and every UDP packet carries the pid; a getpid() per line
+// is a system call the line does not need. 0 = not known (a fork's child starts so).
+std::atomic<int> s_pid{0};
+
+void vl_forget_pid()
+{
+    s_pid.store(0, std::memory_order_relaxed);
+}
+
 } // namespace
+
+int vl_process_id()
+{
+    int pid = s_pid.load(std::memory_order_relaxed);
+    if (pid != 0)
+        return pid;
+    static std::once_flag once;
+    std::call_once(once, [] { (void)pthread_atfork(nullptr, nullptr, vl_forget_pid); });
+    pid = static_cast<int>(getpid());
+    s_pid.store(pid, std::memory_order_relaxed);
+    return pid;
+}
 
 int getenv_vklog(const char *name, char *buffer, size_t size)
 {
