@@ -26,6 +26,10 @@ namespace
 
 constexpr mode_t s_out_dir_mode = 0750;
 constexpr size_t s_backup_suffix_room = 12; // "." + a decimal int + terminator
+// Every this many lines the file's size is taken from the file itself rather than counted,
+// so that appends by other writers of the same file (another process, another category)
+// count towards the limit within that many lines.
+constexpr uint32_t s_size_check_lines = 64;
 
 // Serialises applying configurations (the creation of categories above all) and the
 // library's set-up and end; s_reload_lock guards the manager's reload fields.
@@ -59,17 +63,19 @@ struct vl_dir_closer_t {
     void operator()(DIR *d) const { closedir(d); }
 };
 
-void vl_write_all(int fd, const char *data, size_t length)
+// The number of bytes written (short of `length` when write fails).
+size_t vl_write_all(int fd, const char *data, size_t length)
 {
-    while (length > 0) {
-        ssize_t n = write(fd, data, length);
+    size_t done = 0;
+    while (done < length) {
+        ssize_t n = write(fd, data + done, length - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            return;
-        data += n;
-        length -= static_cast<size_t>(n);
+            break;
+        done += static_cast<size_t>(n);
     }
+    return done;
 }
 
 // ---- configuration references -----------------------------------------------
@@ -345,6 +351,29 @@ int vl_file_backup(const vklog_config_t *config, vklog_output_file_t *output_fil
 namespace
 {
 
+// The file's size once this line's `written` bytes are in. Most lines add their bytes to
+// the size counted so far; the file is asked (fstat) when the size is not known and every
+// s_size_check_lines lines. A count that is too high (the file was renamed, removed or
+// truncated by someone else) only makes the rotation look at the file again, which puts
+// the right size back. -1 when fstat fails.
+int64_t vl_size_after_line(vklog_output_file_t *output, int fd, size_t written)
+{
+    uint32_t line = output->size_lines.fetch_add(1, std::memory_order_relaxed);
+    if (line % s_size_check_lines != 0) {
+        int64_t known = output->size.load(std::memory_order_relaxed);
+        auto n = static_cast<int64_t>(written);
+        while (known >= 0)
+            if (output->size.compare_exchange_weak(known, known + n, std::memory_order_relaxed))
+                return known + n;
+    }
+    struct stat st {
+    };
+    if (fstat(fd, &st) != 0)
+        return -1;
+    output->size.store(st.st_size, std::memory_order_relaxed);
+    return st.st_size;
+}
+
 // Only the thread that claims the rotation goes on; the others keep writing.
 int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_file, int *err_no)
 {
@@ -357,6 +386,7 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
     // The size seen by the caller may be that of a file another thread has just rotated
     // away; look at the current file again so that one full file gives one rotation.
     if (vl_is_limit_size(config->out_path, config->limit_size) == 0) {
+        output_file->size.store(-1, std::memory_order_relaxed); // counted too high: ask the file
         output_file->backup_work.store(0, std::memory_order_release);
         return 0;
     }
@@ -380,6 +410,7 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
             *err_no = rc;
         return -3; // backup_work stays 1: no further rotation is tried
     }
+    output_file->size.store(-1, std::memory_order_relaxed); // a new file from the next line on
     output_file->backup_work.store(0, std::memory_order_release);
     return 0;
 }
@@ -403,11 +434,9 @@ int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *out
     }
     if (fd.fd < 0)
         return 0; // the line is lost; the next line tries again
-    vl_write_all(fd.fd, buffer, length);
-    struct stat st {
-    };
-    bool full =
-        fstat(fd.fd, &st) == 0 && (static_cast<unsigned long long>(st.st_size) >> 20) >= config->limit_size;
+    size_t written = vl_write_all(fd.fd, buffer, length);
+    int64_t size = vl_size_after_line(output_file, fd.fd, written);
+    bool full = size >= 0 && (static_cast<unsigned long long>(size) >> 20) >= config->limit_size;
     if (!full || output_file->backup_work.load(std::memory_order_acquire) != 0)
         return 0;
     return vl_rotate_claimed(config, output_file, err_no);
@@ -441,6 +470,8 @@ void vl_reset_output_file(vklog_output_file_t *output, vklog_lock_t *fd_lock)
     output->err_no.store(0);
     output->backup_idx.store(0);
     output->backup_work.store(0);
+    output->size.store(-1);
+    output->size_lines.store(0);
     // A slot's lock never changes; a slot reused after vklog_fini keeps its pointer, so a
     // call still in flight on a stale handle never reads it while it is written.
     if (output->fd_lock != fd_lock)
@@ -517,6 +548,8 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         free_old = old != nullptr && --old->count_in_use == 0;
     }
     cat->level.store(config->level, std::memory_order_relaxed);
+    if (old != nullptr && strncmp(old->out_path, config->out_path, sizeof(config->out_path)) != 0)
+        cat->output_file.size.store(-1, std::memory_order_relaxed); // another file: ask it its size
     if (free_old)
         vklog_config_free(old);
     return 0;

@@ -130,6 +130,11 @@ struct vklog_output_file_t {
     std::atomic<int> backup_idx;
     std::atomic<int> backup_work;
     vklog_lock_t *fd_lock;
+    // The file's size after the last line: taken from fstat, then advanced by the bytes each
+    // line writes, so most lines need no fstat. -1 when not known (the next line asks).
+    std::atomic<int64_t> size{-1};
+    // Lines written since the size was last taken from the file (see vl_va_log_file_writer).
+    std::atomic<uint32_t> size_lines;
 };
 
 struct vklog_vklogger_perf_data_t {
