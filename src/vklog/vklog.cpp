@@ -116,11 +116,46 @@ void vl_activate(vklog_t *cat)
 }
 
 // ---- header -------------------------------------------------------------------
-// The local time of the current second, kept per thread: localtime_r once a second only.
+// The header items are written by hand: snprintf's format parsing would cost more than the
+// few digits it writes, on every line.
+char *vl_put_2digits(char *p, int v)
+{
+    p[0] = static_cast<char>('0' + v / 10 % 10);
+    p[1] = static_cast<char>('0' + v % 10);
+    return p + 2;
+}
+
+// `v` in `base` (10 or 16, lower-case digits), as %lu and %lx write it.
+char *vl_put_number(char *p, unsigned long v, unsigned base)
+{
+    char digits[24];
+    int n = 0;
+    do {
+        digits[n++] = "0123456789abcdef"[v % base];
+        v /= base;
+    } while (v != 0);
+    while (n > 0)
+        *p++ = digits[--n];
+    return p;
+}
+
+// Copies the `len` bytes of an item to `out` when they fit with the terminator. The item's
+// length either way: the caller refuses an item that did not fit.
+int vl_put_item(char *out, size_t size, const char *item, size_t len)
+{
+    if (len < size) {
+        memcpy(out, item, len);
+        out[len] = '\0';
+    }
+    return static_cast<int>(len);
+}
+
+// The local time of the current second, kept per thread with its "[dd hh:mm:ss" text:
+// localtime_r and the formatting once a second only.
+constexpr size_t s_time_text_len = 12;
 struct vl_time_cache_t {
     time_t sec = -1;
-    struct tm tm {
-    };
+    char text[s_time_text_len];
 };
 thread_local vl_time_cache_t t_time_cache;
 
@@ -129,27 +164,59 @@ int vl_put_time(char *out, size_t size, char with_us)
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != t_time_cache.sec) {
-        localtime_r(&now.tv_sec, &t_time_cache.tm);
+        struct tm tm {
+        };
+        localtime_r(&now.tv_sec, &tm);
+        char *p = t_time_cache.text;
+        *p++ = '[';
+        p = vl_put_2digits(p, tm.tm_mday);
+        *p++ = ' ';
+        p = vl_put_2digits(p, tm.tm_hour);
+        *p++ = ':';
+        p = vl_put_2digits(p, tm.tm_min);
+        *p++ = ':';
+        vl_put_2digits(p, tm.tm_sec);
         t_time_cache.sec = now.tv_sec;
     }
-    const struct tm &tm = t_time_cache.tm;
-    if (with_us == 0)
-        return snprintf(out, size, "[%02d %02d:%02d:%02d]", tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    long us = now.tv_nsec <= 1000 ? 0 : now.tv_nsec > 1000000000L ? 999999 : now.tv_nsec / 1000;
-    return snprintf(out, size, "[%02d %02d:%02d:%02d.%06ld]", tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                    us);
+    char item[32];
+    memcpy(item, t_time_cache.text, s_time_text_len);
+    char *p = item + s_time_text_len;
+    if (with_us != 0) {
+        long us = now.tv_nsec <= 1000 ? 0 : now.tv_nsec > 1000000000L ? 999999 : now.tv_nsec / 1000;
+        *p++ = '.';
+        for (int i = 5; i >= 0; i--, us /= 10)
+            p[i] = static_cast<char>('0' + us % 10);
+        p += 6;
+    }
+    *p++ = ']';
+    return vl_put_item(out, size, item, static_cast<size_t>(p - item));
 }
 
+// "[pid:thread]", "[pid]" or "[thread]" (thread id in hexadecimal).
 int vl_put_process(char *out, size_t size, unsigned int opt)
 {
-    bool pid = (opt & VKLOG_HEADER_PID) != 0;
-    bool tid = (opt & VKLOG_HEADER_THREAD_ID) != 0;
-    unsigned long thread = static_cast<unsigned long>(pthread_self());
-    if (pid && tid)
-        return snprintf(out, size, "[%d:%lx]", vl_process_id(), thread);
-    if (pid)
-        return snprintf(out, size, "[%d]", vl_process_id());
-    return snprintf(out, size, "[%lx]", thread);
+    char item[48];
+    char *p = item;
+    *p++ = '[';
+    if ((opt & VKLOG_HEADER_PID) != 0)
+        p = vl_put_number(p, static_cast<unsigned long>(vl_process_id()), 10);
+    if ((opt & (VKLOG_HEADER_PID | VKLOG_HEADER_THREAD_ID)) == (VKLOG_HEADER_PID | VKLOG_HEADER_THREAD_ID))
+        *p++ = ':';
+    if ((opt & VKLOG_HEADER_THREAD_ID) != 0)
+        p = vl_put_number(p, static_cast<unsigned long>(pthread_self()), 16);
+    *p++ = ']';
+    return vl_put_item(out, size, item, static_cast<size_t>(p - item));
+}
+
+int vl_put_level(char *out, size_t size, int level)
+{
+    const char *label = level >= 0 && level < 8 ? g_vklog_level_str[level] : "null";
+    char item[16];
+    size_t len = strnlen(label, 8);
+    item[0] = '[';
+    memcpy(item + 1, label, len);
+    item[len + 1] = ']';
+    return vl_put_item(out, size, item, len + 2);
 }
 
 int vl_put_source(char *out, size_t size, unsigned int opt, const char *file, size_t file_len,
@@ -195,9 +262,7 @@ int vl_set_header(int level, unsigned int opt, char opt_us_to_time, const char *
     if ((opt & (VKLOG_HEADER_PID | VKLOG_HEADER_THREAD_ID)) != 0 &&
         !fits(vl_put_process(header + off, size - off, opt)))
         return -1;
-    if ((opt & VKLOG_HEADER_LEVEL) != 0 &&
-        !fits(snprintf(header + off, size - off, "[%s]",
-                       level >= 0 && level < 8 ? g_vklog_level_str[level] : "null")))
+    if ((opt & VKLOG_HEADER_LEVEL) != 0 && !fits(vl_put_level(header + off, size - off, level)))
         return -1;
     if ((opt & (VKLOG_HEADER_FILE | VKLOG_HEADER_FUNCTION | VKLOG_HEADER_LINE)) != 0 &&
         !fits(vl_put_source(header + off, size - off, opt, file, file_len, func, func_len, line)))
