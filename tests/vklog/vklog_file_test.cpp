@@ -4,6 +4,7 @@
 #include "vklog_test_util.h"
 
 #include <cctype>
+#include <sys/wait.h>
 
 namespace fs = std::filesystem;
 
@@ -52,6 +53,22 @@ TEST(VklogHeader, EveryItemInOrderEachInBrackets)
     }
     char buf[32];
     EXPECT_EQ(vl_set_header(5, 1, 1, nullptr, 0, nullptr, 0, 0, buf, 20), -1); // 20 characters + terminator
+}
+
+TEST(VklogHeader, ForkedChildWritesItsOwnPid)
+{
+    char buf[64];
+    ASSERT_GT(vl_set_header(5, 2, 0, nullptr, 0, nullptr, 0, 0, buf, sizeof(buf)), 0); // the parent's pid is known
+    pid_t child = fork();
+    if (child == 0) {
+        bool own = vl_set_header(5, 2, 0, nullptr, 0, nullptr, 0, 0, buf, sizeof(buf)) > 0 &&
+                   buf == "[" + std::to_string(getpid()) + "]";
+        _exit(own ? 0 : 1);
+    }
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 class VklogFile : public vt::TempDirTest
@@ -137,6 +154,57 @@ TEST_F(VklogFile, RotationsThroughTheLineWriterFollowTheRing)
     EXPECT_TRUE(read_file(path("agent.log.3")).starts_with("gen3\n"));
     EXPECT_EQ(read_file(path("agent.log")), "gen5\n");
     EXPECT_FALSE(exists("agent.log.4"));
+}
+
+TEST_F(VklogFile, RotationFollowsTheFileWhenOthersChangeIt)
+{
+    // Lines of 8001 bytes: a 1 MiB limit is reached by the 132nd line of a file.
+    const std::string chunk(8000, 'c');
+    constexpr off_t line = 8001;
+    constexpr int full_at = 132;
+    const char *changes[] = {"removed", "truncated", "renamed", "appended"};
+    for (const char *change : changes) {
+        SCOPED_TRACE(change);
+        vklog_fini();
+        fs::remove_all(dir_);
+        fs::create_directory(dir_);
+        vklog_t *cat = category(vt::configure(file_config(change, 3, 1), {{VKLOG_CFG_TYPE_HEADER_FLAG, ""}}));
+        auto log = [&](int n) {
+            for (int i = 0; i < n; i++)
+                VKLOG_INFO(cat, "%s\n", chunk.c_str());
+        };
+        std::string change_s = change;
+        if (change_s == "appended") {
+            // Another writer fills the file: the next 64 lines at most see it and rotate.
+            log(2);
+            std::ofstream(path("agent.log"), std::ios::app) << std::string(1 << 20, 'o');
+            int lines = 0;
+            while (!exists("agent.log.1") && lines < 64) {
+                log(1);
+                lines++;
+            }
+            EXPECT_TRUE(exists("agent.log.1")) << lines;
+            continue;
+        }
+        log(120);
+        if (change_s == "removed")
+            fs::remove(path("agent.log"));
+        else if (change_s == "truncated")
+            fs::resize_file(path("agent.log"), 0);
+        else
+            fs::rename(path("agent.log"), path("moved.log"));
+        // The 240 lines written in all pass the limit, but the new file only gets full at
+        // its own 132nd line, and rotates exactly there.
+        log(full_at - 1);
+        EXPECT_FALSE(exists("agent.log.1"));
+        EXPECT_EQ(fs::file_size(path("agent.log")), static_cast<uintmax_t>((full_at - 1) * line));
+        log(1);
+        EXPECT_EQ(fs::file_size(path("agent.log.1")), static_cast<uintmax_t>(full_at * line));
+        EXPECT_FALSE(exists("agent.log"));
+        if (change_s == "renamed") {
+            EXPECT_EQ(fs::file_size(path("moved.log")), static_cast<uintmax_t>(120 * line));
+        }
+    }
 }
 
 TEST_F(VklogFile, RestartContinuesAfterTheNewestNotTheHighest)
