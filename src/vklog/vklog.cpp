@@ -606,6 +606,9 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         if (strncmp(old->backup_path, config->backup_path, sizeof(config->backup_path)) != 0)
             cat->output_file.backup_idx.store(0, std::memory_order_relaxed); // a new ring: find its newest
     }
+    // Compared while the reference taken above keeps `old` alive.
+    bool other_file =
+        old != nullptr && strncmp(old->out_path, config->out_path, sizeof(config->out_path)) != 0;
     bool free_old = false;
     {
         std::lock_guard<vklog_lock_t> hold(cat->config_lock);
@@ -613,8 +616,8 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         free_old = old != nullptr && --old->count_in_use == 0;
     }
     cat->level.store(config->level, std::memory_order_relaxed);
-    if (old != nullptr && strncmp(old->out_path, config->out_path, sizeof(config->out_path)) != 0)
-        cat->output_file.size.store(-1, std::memory_order_relaxed); // another file: ask it its size
+    if (other_file)
+        cat->output_file.size.store(-1, std::memory_order_relaxed); // ask the new file its size
     if (free_old)
         vklog_config_free(old);
     return 0;

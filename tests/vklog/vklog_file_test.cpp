@@ -207,6 +207,19 @@ TEST_F(VklogFile, RotationFollowsTheFileWhenOthersChangeIt)
     }
 }
 
+TEST_F(VklogFile, SwitchToAFullFileRotatesAtItsFirstLine)
+{
+    vklog_t *cat = category(file_config("switch", 3, 1));
+    VKLOG_INFO(cat, "small\n");
+    write_file(path("other.log"), std::string(1 << 20, 'o'));
+    ASSERT_EQ(category(vt::configure(vklog_config_clone_from_category("switch"),
+                                     {{VKLOG_CFG_TYPE_FILENAME, "other.log"}})),
+              cat);
+    VKLOG_INFO(cat, "first\n");
+    EXPECT_TRUE(exists("other.log.1"));
+    EXPECT_FALSE(exists("agent.log.1"));
+}
+
 TEST_F(VklogFile, RestartContinuesAfterTheNewestNotTheHighest)
 {
     write_file(path("agent.log.1"), "old1", 1000);
