@@ -99,9 +99,10 @@ bool time_before(const timeval &a, const timeval &b)
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_usec < b.tv_usec);
 }
 
-// Waits in 100 ms steps until the tick; a tick more than 59 s ahead means the wall clock
-// was set back, which asks for a time synchronisation and ends the wait. Returns the time
-// at the end of the wait.
+// Waits until the tick, sleeping straight to it in steps of at most a second; a signal
+// (delivered to this thread first) ends a step early so that its handling is not delayed.
+// A tick more than 59 s ahead means the wall clock was set back, which asks for a time
+// synchronisation and ends the wait. Returns the time at the end of the wait.
 timeval wait_for_tick(const timeval &tick)
 {
     timeval now{};
@@ -112,7 +113,7 @@ timeval wait_for_tick(const timeval &tick)
             send_req_timesync();
             break;
         }
-        vk_sleep(100);
+        vk_sleep_toward(tick.tv_sec, tick.tv_usec, 1000);
         handle_pending_signals();
         gettimeofday(&now, nullptr);
     }
