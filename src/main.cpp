@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <string_view>
 #include <sys/time.h>
@@ -99,9 +100,10 @@ bool time_before(const timeval &a, const timeval &b)
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_usec < b.tv_usec);
 }
 
-// Waits in 100 ms steps until the tick; a tick more than 59 s ahead means the wall clock
-// was set back, which asks for a time synchronisation and ends the wait. Returns the time
-// at the end of the wait.
+// Waits until the tick, sleeping straight to it in steps of at most a second; a signal
+// (delivered to this thread first) ends a step early so that its handling is not delayed.
+// A tick more than 59 s ahead means the wall clock was set back, which asks for a time
+// synchronisation and ends the wait. Returns the time at the end of the wait.
 timeval wait_for_tick(const timeval &tick)
 {
     timeval now{};
@@ -112,7 +114,7 @@ timeval wait_for_tick(const timeval &tick)
             send_req_timesync();
             break;
         }
-        vk_sleep(100);
+        vk_sleep_toward(tick.tv_sec, tick.tv_usec, 1000);
         handle_pending_signals();
         gettimeofday(&now, nullptr);
     }
@@ -239,6 +241,13 @@ int main(int argc, char **argv)
     // Start-up messages and the debug-mode console lines reach a redirected standard output
     // as they happen, in order with the library's own writes.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // A patch transfer allocates and frees a packet and a decode workspace of about 64 KiB
+    // each per chunk. With the default trim threshold (128 KiB) each free hands the top of
+    // the arena back to the kernel and the next chunk faults it in again, which costs the
+    // receive thread more than the chunk's own copy. Keeping up to 2 MiB per arena (and
+    // mapping only blocks of 1 MiB or more separately) ends that churn.
+    mallopt(M_TRIM_THRESHOLD, 2 << 20);
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     init_properties_preset();
     command_line_t cmd;
     if (scan_command_line(argc, argv, &cmd))

@@ -44,8 +44,8 @@ void clear_signal_debug_code();
 // handle_pending_signals; the faults add the empty exit hook sigexit, log, dump the
 // breadcrumbs and exit(0) at once; any other number returns without a trace.
 void signal_handler(int signo);
-// Acts on the marked signals, on the main thread (the one-second loop polls it every
-// 100 ms). Each adds sigexit as an exit hook; every SIGHUP logs one line; SIGINT and
+// Acts on the marked signals, on the main thread (the one-second loop calls it after every
+// sleep step, and a signal ends the step). Each adds sigexit as an exit hook; every SIGHUP logs one line; SIGINT and
 // SIGTERM log the SIGTERM line, dump the breadcrumbs and exit(0), which runs exit_handler.
 void handle_pending_signals();
 // Second-fault handlers installed by signal_handler: exit(0) at once, so that a fault

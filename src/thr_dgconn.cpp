@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 
@@ -48,6 +50,36 @@ constexpr int k_logged_connect_failures = 3;
 
 // errno of the last send failure logged at ERROR; 0 re-arms the log. Sender thread only.
 int s_last_send_errno = 0;
+
+// Wakes the sender when a packet is queued, so an idle sender sleeps instead of looking at
+// an empty queue ten times a second. Producers set the flag under the mutex after their push.
+std::mutex s_sender_wake_mutex;
+std::condition_variable s_sender_wake;
+bool s_sender_wake_pending = false;
+// Longest the idle sender sleeps before it looks at the stop flag again (a stop is not
+// signalled through the condition variable: the signal handler and other threads just set
+// the flag).
+constexpr auto k_sender_idle_step = std::chrono::seconds(1);
+
+void wake_sender()
+{
+    {
+        std::lock_guard<std::mutex> guard(s_sender_wake_mutex);
+        s_sender_wake_pending = true;
+    }
+    s_sender_wake.notify_one();
+}
+
+// Blocks the sender until a packet has been queued since its last pass (or the stop flag
+// is up). A packet queued while the sender slept goes out at once; one queued during a
+// pass waits for the pass after the 100 ms step.
+void wait_for_queued_packet()
+{
+    std::unique_lock<std::mutex> lock(s_sender_wake_mutex);
+    while (!s_sender_wake_pending && g_stop_the_world.load() == 0)
+        s_sender_wake.wait_for(lock, k_sender_idle_step);
+    s_sender_wake_pending = false;
+}
 
 struct entry_deleter {
     void operator()(send_queue_entry_t *entry) const { destroy_send_queue(entry); }
@@ -315,8 +347,10 @@ int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
         g_info_log.fetch_add(1);
         return 0;
     }
-    if (g_dg_is_connection.load() > 0 && push_back_vklist(g_send_queue, entry.get()) > 0)
+    if (g_dg_is_connection.load() > 0 && push_back_vklist(g_send_queue, entry.get()) > 0) {
         entry.release(); // the queue owns it now
+        wake_sender();
+    }
     return 0;
 }
 
@@ -436,6 +470,7 @@ void *thr_DGConn_sender(void *)
             }
         }
         vk_sleep(SENDER_INTERVAL_MS);
+        wait_for_queued_packet();
     }
     VKLOG_INFO(g_vklog.load(), "[thr_DGConn_sender] finish normally.\n");
     return nullptr;

@@ -97,7 +97,9 @@ void send_buffer_switch(int state);
 // buffer went out (the send time-out of a DG that stopped reading) returns the part and
 // shuts the socket down, since the DG would read the next packet from the middle of this one.
 ssize_t Write(int socket, const void *buffer, size_t length, int flags);
-// Thread body of THR_DGCONN_SENDER: writes the queue every 100 ms while connected.
+// Thread body of THR_DGCONN_SENDER: writes the queue while connected, at most every 100 ms
+// (a queued packet waits at most that long); with nothing queued it sleeps until a packet is
+// queued, looking at the stop flag once a second.
 void *thr_DGConn_sender(void *argument);
 // Number of entries waiting in the send queue.
 uint32_t get_send_queue_count();

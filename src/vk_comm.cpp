@@ -115,6 +115,9 @@ int check_nio_main_header(const char *header, int32_t *length)
     return 0;
 }
 
+// First allocation of a dynamically read packet, header included.
+constexpr size_t k_dynamic_first_step = 256u * 1024u;
+
 // Receives the body of a dynamically read packet into *buffer, which holds the main header
 // and has room for `room` bytes; grows it up to 12 + length as bytes arrive, so a length
 // field alone never costs more than the first step. Returns 0, -4 out of memory, -6 recv
@@ -320,9 +323,11 @@ int get_nio_packet_dynamic(int sock, char **out_buffer, int /*capacity*/)
         return rc;
     if (length < VK_NIO_SUB_HEADER_LEN)
         return -5;
-    // Start with room for a usual packet; recv_body_growing adds room only as data arrives.
+    // Start with room for any usual packet (a 64 KiB file chunk with its message around it
+    // fits, so chunks are read without a realloc); recv_body_growing adds room only as data
+    // arrives, so a length field alone never costs more than this first step.
     const size_t total = VK_NIO_MAIN_HEADER_LEN + static_cast<size_t>(length);
-    const size_t first = total < VK_NIO_MAIN_HEADER_LEN + 65536u ? total : VK_NIO_MAIN_HEADER_LEN + 65536u;
+    const size_t first = total < k_dynamic_first_step ? total : k_dynamic_first_step;
     malloc_ptr packet(static_cast<char *>(std::malloc(first)));
     if (!packet)
         return -4;

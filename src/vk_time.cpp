@@ -22,6 +22,24 @@ void vk_sleep(int64_t msec)
         req = rem;
 }
 
+void vk_sleep_toward(int64_t sec, int64_t usec, int64_t max_msec)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    // Microseconds left; a target a minute or more ahead is capped before it can overflow.
+    int64_t ahead_s = sec - static_cast<int64_t>(now.tv_sec);
+    if (ahead_s > 60)
+        ahead_s = 60;
+    int64_t left_us = ahead_s * 1000000 + usec - now.tv_nsec / 1000;
+    if (left_us <= 0 || max_msec <= 0)
+        return;
+    if (left_us > max_msec * 1000)
+        left_us = max_msec * 1000;
+    // Relative, not an absolute wall-clock sleep: a clock set back must not stretch it.
+    timespec req{static_cast<time_t>(left_us / 1000000), static_cast<long>((left_us % 1000000) * 1000)};
+    nanosleep(&req, nullptr);
+}
+
 int64_t vk_wait_for_second(int64_t tick)
 {
     for (;;) {
@@ -29,6 +47,6 @@ int64_t vk_wait_for_second(int64_t tick)
         clock_gettime(CLOCK_REALTIME, &now);
         if (now.tv_sec >= tick || tick - now.tv_sec >= 60)
             return static_cast<int64_t>(now.tv_sec);
-        vk_sleep(100);
+        vk_sleep_toward(tick, 0, 1000);
     }
 }
