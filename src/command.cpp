@@ -2,8 +2,6 @@
 // declared in command.h.
 #include "command.h"
 
-#include <iterator>
-
 // ---- file_info ------------------------------------------------------------------------
 
 namespace
@@ -14,8 +12,8 @@ constexpr pbtools_field_desc file_info_fields[] = {
     PBTOOLS_FIELD(file_info_t, file_size, 2, nullptr),
     PBTOOLS_FIELD(file_info_t, file_data, 3, nullptr),
 };
-constexpr pbtools_message_desc file_info_desc = {sizeof(file_info_t), file_info_fields,
-                                                 std::size(file_info_fields)};
+constexpr pbtools_message_desc file_info_desc =
+    pbtools_message_desc_make(sizeof(file_info_t), file_info_fields);
 static_assert(pbtools_desc_is_valid(file_info_desc));
 
 } // namespace
@@ -54,8 +52,8 @@ constexpr pbtools_field_desc req_command_message_fields[] = {
     PBTOOLS_FIELD(req_command_message_t, target_agent_infos, 11, &pbtools_map_entry_desc),
     PBTOOLS_FIELD(req_command_message_t, target_file_info, 12, &file_info_desc),
 };
-constexpr pbtools_message_desc req_command_message_desc = {
-    sizeof(req_command_message_t), req_command_message_fields, std::size(req_command_message_fields)};
+constexpr pbtools_message_desc req_command_message_desc =
+    pbtools_message_desc_make(sizeof(req_command_message_t), req_command_message_fields);
 static_assert(pbtools_desc_is_valid(req_command_message_desc));
 
 } // namespace
@@ -105,8 +103,8 @@ constexpr pbtools_field_desc res_command_message_fields[] = {
     PBTOOLS_FIELD(res_command_message_t, result, 9, nullptr),
     PBTOOLS_FIELD(res_command_message_t, result_message, 10, nullptr),
 };
-constexpr pbtools_message_desc res_command_message_desc = {
-    sizeof(res_command_message_t), res_command_message_fields, std::size(res_command_message_fields)};
+constexpr pbtools_message_desc res_command_message_desc =
+    pbtools_message_desc_make(sizeof(res_command_message_t), res_command_message_fields);
 static_assert(pbtools_desc_is_valid(res_command_message_desc));
 
 } // namespace
@@ -135,8 +133,8 @@ namespace
 constexpr pbtools_field_desc target_agent_info_fields[] = {
     PBTOOLS_FIELD(target_agent_info_t, agent_id, 1, nullptr),
 };
-constexpr pbtools_message_desc target_agent_info_desc = {
-    sizeof(target_agent_info_t), target_agent_info_fields, std::size(target_agent_info_fields)};
+constexpr pbtools_message_desc target_agent_info_desc =
+    pbtools_message_desc_make(sizeof(target_agent_info_t), target_agent_info_fields);
 static_assert(pbtools_desc_is_valid(target_agent_info_desc));
 
 } // namespace
@@ -165,9 +163,8 @@ namespace
 constexpr pbtools_field_desc target_agent_info_message_fields[] = {
     PBTOOLS_FIELD(target_agent_info_message_t, target_agent_infos, 1, &target_agent_info_desc),
 };
-constexpr pbtools_message_desc target_agent_info_message_desc = {sizeof(target_agent_info_message_t),
-                                                                 target_agent_info_message_fields,
-                                                                 std::size(target_agent_info_message_fields)};
+constexpr pbtools_message_desc target_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(target_agent_info_message_t), target_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(target_agent_info_message_desc));
 
 } // namespace
@@ -210,9 +207,8 @@ constexpr pbtools_field_desc req_file_chunk_message_fields[] = {
     PBTOOLS_FIELD(req_file_chunk_message_t, chunk_count, 6, nullptr),
     PBTOOLS_FIELD(req_file_chunk_message_t, chunk_data, 7, nullptr),
 };
-constexpr pbtools_message_desc req_file_chunk_message_desc = {sizeof(req_file_chunk_message_t),
-                                                              req_file_chunk_message_fields,
-                                                              std::size(req_file_chunk_message_fields)};
+constexpr pbtools_message_desc req_file_chunk_message_desc =
+    pbtools_message_desc_make(sizeof(req_file_chunk_message_t), req_file_chunk_message_fields);
 static_assert(pbtools_desc_is_valid(req_file_chunk_message_desc));
 
 } // namespace

@@ -2,8 +2,6 @@
 // declared in common_agent_info.h.
 #include "common_agent_info.h"
 
-#include <iterator>
-
 // ---- common_ip_info -------------------------------------------------------------------
 
 namespace
@@ -14,8 +12,8 @@ constexpr pbtools_field_desc common_ip_info_fields[] = {
     PBTOOLS_FIELD(common_ip_info_t, ip_address, 2, nullptr),
     PBTOOLS_FIELD(common_ip_info_t, ip_extra, 3, nullptr),
 };
-constexpr pbtools_message_desc common_ip_info_desc = {sizeof(common_ip_info_t), common_ip_info_fields,
-                                                      std::size(common_ip_info_fields)};
+constexpr pbtools_message_desc common_ip_info_desc =
+    pbtools_message_desc_make(sizeof(common_ip_info_t), common_ip_info_fields);
 static_assert(pbtools_desc_is_valid(common_ip_info_desc));
 
 } // namespace
@@ -43,8 +41,8 @@ namespace
 constexpr pbtools_field_desc common_mac_info_fields[] = {
     PBTOOLS_FIELD(common_mac_info_t, mac_address, 1, nullptr),
 };
-constexpr pbtools_message_desc common_mac_info_desc = {sizeof(common_mac_info_t), common_mac_info_fields,
-                                                       std::size(common_mac_info_fields)};
+constexpr pbtools_message_desc common_mac_info_desc =
+    pbtools_message_desc_make(sizeof(common_mac_info_t), common_mac_info_fields);
 static_assert(pbtools_desc_is_valid(common_mac_info_desc));
 
 } // namespace
@@ -88,9 +86,8 @@ constexpr pbtools_field_desc common_req_agent_info_message_fields[] = {
     PBTOOLS_FIELD(common_req_agent_info_message_t, custom_infos, 16, &pbtools_map_entry_desc),
     PBTOOLS_FIELD(common_req_agent_info_message_t, boot_time, 17, nullptr),
 };
-constexpr pbtools_message_desc common_req_agent_info_message_desc = {
-    sizeof(common_req_agent_info_message_t), common_req_agent_info_message_fields,
-    std::size(common_req_agent_info_message_fields)};
+constexpr pbtools_message_desc common_req_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(common_req_agent_info_message_t), common_req_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(common_req_agent_info_message_desc));
 
 } // namespace
@@ -141,9 +138,8 @@ constexpr pbtools_field_desc common_res_agent_info_message_fields[] = {
     PBTOOLS_FIELD(common_res_agent_info_message_t, protocol_version, 2, nullptr),
     PBTOOLS_FIELD(common_res_agent_info_message_t, dg_protocol_version, 3, nullptr),
 };
-constexpr pbtools_message_desc common_res_agent_info_message_desc = {
-    sizeof(common_res_agent_info_message_t), common_res_agent_info_message_fields,
-    std::size(common_res_agent_info_message_fields)};
+constexpr pbtools_message_desc common_res_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(common_res_agent_info_message_t), common_res_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(common_res_agent_info_message_desc));
 
 } // namespace
@@ -174,9 +170,8 @@ namespace
 constexpr pbtools_field_desc common_req_agent_config_message_fields[] = {
     PBTOOLS_FIELD(common_req_agent_config_message_t, config_name, 1, nullptr),
 };
-constexpr pbtools_message_desc common_req_agent_config_message_desc = {
-    sizeof(common_req_agent_config_message_t), common_req_agent_config_message_fields,
-    std::size(common_req_agent_config_message_fields)};
+constexpr pbtools_message_desc common_req_agent_config_message_desc = pbtools_message_desc_make(
+    sizeof(common_req_agent_config_message_t), common_req_agent_config_message_fields);
 static_assert(pbtools_desc_is_valid(common_req_agent_config_message_desc));
 
 } // namespace
@@ -207,9 +202,8 @@ namespace
 constexpr pbtools_field_desc common_res_agent_config_message_fields[] = {
     PBTOOLS_FIELD(common_res_agent_config_message_t, configs, 1, &pbtools_map_entry_desc),
 };
-constexpr pbtools_message_desc common_res_agent_config_message_desc = {
-    sizeof(common_res_agent_config_message_t), common_res_agent_config_message_fields,
-    std::size(common_res_agent_config_message_fields)};
+constexpr pbtools_message_desc common_res_agent_config_message_desc = pbtools_message_desc_make(
+    sizeof(common_res_agent_config_message_t), common_res_agent_config_message_fields);
 static_assert(pbtools_desc_is_valid(common_res_agent_config_message_desc));
 
 } // namespace

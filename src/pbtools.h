@@ -1,5 +1,5 @@
 // pbtools: the Protocol Buffers codec runtime under every DG message body. It owns the
-// workspace heap, the backwards encoder, the decoder and the table walker that the message
+// workspace heap, the encoder, the decoder and the table walker that the message
 // units (req_time_sync, res_time_sync, res_timezone_offset, common_agent_info, command) use.
 // Thread-safe: every function works only on the records, buffers and workspace it is given.
 #pragma once
@@ -43,6 +43,8 @@ static_assert(sizeof(pbtools_heap_t) == 16, "the heap record fills the first 16 
 // string and byte contents). Returns the zero-filled block, or null when the heap is
 // exhausted (the heap is then unchanged). Nothing is ever freed on its own.
 [[nodiscard]] void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment);
+// The same without the zero fill, for blocks the caller overwrites completely at once.
+[[nodiscard]] void *pbtools_heap_alloc_uninit(pbtools_heap_t *heap_p, size_t size, size_t alignment);
 
 // ---- field types of message records ---------------------------------------------------------
 struct pbtools_bytes_t {
@@ -64,19 +66,20 @@ struct pbtools_map_entry_t {
 };
 
 // ---- encoder primitives -----------------------------------------------------------------------
-// Writes backwards from the end of the buffer; the first failure latches and later writes
-// do nothing. The plain writers omit default values, the _always writers do not.
+// Writes forwards from the start of the buffer, each field where the previous one ended (so
+// fields go on the wire in the order of the calls); the first failure latches and later
+// writes do nothing. The plain writers omit default values, the _always writers do not.
 struct pbtools_encoder_t {
     uint8_t *buf_p;
     int32_t size;
-    int32_t pos;   // first written byte; starts at size
+    int32_t pos;   // next byte to write; starts at 0
     int32_t error; // 0 or the first negated error code
 };
 
 // Starts an encoder on buf_p (sizes beyond 0x7FFFFFFF are clamped). Cannot fail.
 void pbtools_encoder_init(pbtools_encoder_t *self_p, uint8_t *buf_p, size_t size);
-// Moves the written bytes to the start of the buffer. Returns their count, or the latched
-// negated error (-4 when the buffer was full; the buffer contents are then undefined).
+// Returns the number of bytes written at the start of the buffer, or the latched negated
+// error (-4 when the buffer was full; the buffer contents are then undefined).
 [[nodiscard]] int pbtools_encoder_get_result(pbtools_encoder_t *self_p);
 
 void pbtools_encoder_write_int32(pbtools_encoder_t *self_p, int field_number, int32_t value);
@@ -113,19 +116,32 @@ struct pbtools_message_desc;
 struct pbtools_field_desc {
     uint32_t number;
     pbtools_kind kind;
+    uint8_t tag_size;   // bytes of the encoded tag
     uint32_t offset;    // of the member in the record
     uint32_t item_size; // size of the pointed-to record for MESSAGE and REPEATED, else 0
+    uint8_t tag[8];     // the tag as written on the wire (number and wire type), tag_size bytes used
     const pbtools_message_desc *sub_p;
 };
+
+// Field numbers below this are found through the direct index of a table; larger ones by a
+// search of the field list.
+inline constexpr uint32_t PBTOOLS_DIRECT_NUMBERS = 64;
+inline constexpr uint8_t PBTOOLS_NO_FIELD = 0xFF;
 
 struct pbtools_message_desc {
     uint32_t record_size;
     const pbtools_field_desc *fields_p; // ascending field numbers
     uint32_t field_count;
+    uint32_t max_number;                   // the last field's number
+    bool has_repeated;                     // some field is REPEATED
+    uint64_t string_words;                 // bit i: the 8 bytes at offset 8 * i hold a string
+    uint8_t index[PBTOOLS_DIRECT_NUMBERS]; // field number -> position in fields_p, or PBTOOLS_NO_FIELD
 };
 
 // The walker keeps one counter per field on the stack while decoding.
 inline constexpr uint32_t PBTOOLS_MAX_FIELDS = 32;
+// Records are at most this large, so that string_words covers them.
+inline constexpr uint32_t PBTOOLS_MAX_RECORD_SIZE = 64 * 8;
 
 // The member's C++ type decides its kind, so a table entry cannot disagree with its record.
 template <typename T> struct pbtools_kind_of;
@@ -162,19 +178,55 @@ template <typename T> struct pbtools_kind_of<pbtools_repeated<T>> {
     static constexpr uint32_t item_size = sizeof(T);
 };
 
+// Table entry with its tag bytes worked out at compile time (varint of number << 3 | wire
+// type: 0 for the scalar kinds, 2 for the length-delimited ones).
+consteval pbtools_field_desc pbtools_field_make(uint32_t number, pbtools_kind kind, size_t offset,
+                                                uint32_t item_size, const pbtools_message_desc *sub_p)
+{
+    pbtools_field_desc field{number, kind, 0, static_cast<uint32_t>(offset), item_size, {}, sub_p};
+    uint64_t tag = (static_cast<uint64_t>(number) << 3) | (kind <= PBTOOLS_KIND_UINT64 ? 0u : 2u);
+    do {
+        field.tag[field.tag_size++] = static_cast<uint8_t>((tag & 0x7F) | (tag >= 0x80 ? 0x80 : 0));
+        tag >>= 7;
+    } while (tag != 0);
+    return field;
+}
+
 // Table entry for a member; sub_p is the item table for MESSAGE and REPEATED, else nullptr.
 #define PBTOOLS_FIELD(record, member, number, sub_p)                                                         \
-    pbtools_field_desc                                                                                       \
-    {                                                                                                        \
-        (number), pbtools_kind_of<decltype(record::member)>::kind, offsetof(record, member),                 \
-            pbtools_kind_of<decltype(record::member)>::item_size, (sub_p)                                    \
+    pbtools_field_make((number), pbtools_kind_of<decltype(record::member)>::kind, offsetof(record, member),  \
+                       pbtools_kind_of<decltype(record::member)>::item_size, (sub_p))
+
+// A message table over its field list, with the direct index and the string mask filled in.
+template <size_t N>
+consteval pbtools_message_desc pbtools_message_desc_make(size_t record_size,
+                                                         const pbtools_field_desc (&fields)[N])
+{
+    pbtools_message_desc desc{
+        static_cast<uint32_t>(record_size), fields, static_cast<uint32_t>(N), 0, false, 0, {}};
+    for (uint8_t &slot : desc.index) {
+        slot = PBTOOLS_NO_FIELD;
     }
+    for (size_t i = 0; i < N; i++) {
+        desc.max_number = fields[i].number;
+        if (fields[i].number < PBTOOLS_DIRECT_NUMBERS) {
+            desc.index[fields[i].number] = static_cast<uint8_t>(i);
+        }
+        desc.has_repeated = desc.has_repeated || fields[i].kind == PBTOOLS_KIND_REPEATED;
+        if (fields[i].kind == PBTOOLS_KIND_STRING && fields[i].offset / 8 < 64) {
+            desc.string_words |= uint64_t{1} << (fields[i].offset / 8);
+        }
+    }
+    return desc;
+}
 
 // Compile-time check of a table: numbers valid and ascending, every message field linked to
-// a table of the right record size, members inside the record after its heap pointer.
+// a table of the right record size, members inside the record after its heap pointer,
+// strings on 8-byte boundaries inside the first PBTOOLS_MAX_RECORD_SIZE bytes.
 consteval bool pbtools_desc_is_valid(const pbtools_message_desc &desc)
 {
-    if (desc.field_count == 0 || desc.field_count > PBTOOLS_MAX_FIELDS || desc.record_size < sizeof(void *)) {
+    if (desc.field_count == 0 || desc.field_count > PBTOOLS_MAX_FIELDS || desc.record_size < sizeof(void *) ||
+        desc.record_size > PBTOOLS_MAX_RECORD_SIZE) {
         return false;
     }
     for (uint32_t i = 0; i < desc.field_count; i++) {
@@ -183,6 +235,7 @@ consteval bool pbtools_desc_is_valid(const pbtools_message_desc &desc)
         if (field.number == 0 || field.number > 0x1FFFFFFF ||
             (i > 0 && field.number <= desc.fields_p[i - 1].number) || field.offset < sizeof(void *) ||
             field.offset >= desc.record_size ||
+            (field.kind == PBTOOLS_KIND_STRING && field.offset % 8 != 0) ||
             // A nested field without a table fails here too: null cannot be dereferenced at
             // compile time (and a table's address is not compared with null, which some
             // sanitizer builds cannot evaluate).
@@ -197,8 +250,8 @@ inline constexpr pbtools_field_desc pbtools_map_entry_fields[] = {
     PBTOOLS_FIELD(pbtools_map_entry_t, key, 1, nullptr),
     PBTOOLS_FIELD(pbtools_map_entry_t, value, 2, nullptr),
 };
-inline constexpr pbtools_message_desc pbtools_map_entry_desc = {sizeof(pbtools_map_entry_t),
-                                                                pbtools_map_entry_fields, 2};
+inline constexpr pbtools_message_desc pbtools_map_entry_desc =
+    pbtools_message_desc_make(sizeof(pbtools_map_entry_t), pbtools_map_entry_fields);
 static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
 
 // ---- table walker (called by the message units) ------------------------------------------------
@@ -213,9 +266,12 @@ static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
                                          const pbtools_message_desc *desc_p);
 
 // Resets the record to its defaults and decodes data into it, allocating from its heap.
-// Returns size (all of it is consumed), or a negated code: -1 bad wire type, -2 data ends
-// inside a field, -3 heap exhausted, -5 field number 0, -6 varint over 10 bytes, -8 length
-// of 0x7FFFFFFF or more (also for a size of that much). The record is unusable on failure.
+// A record made by pbtools_message_new (the one at the start of its workspace) first gets
+// back all of its heap beyond itself, so one record can take any number of decodes in turn;
+// what earlier decodes or allocations put there is overwritten. Returns size (all of it is
+// consumed), or a negated code: -1 bad wire type, -2 data ends inside a field, -3 heap
+// exhausted, -5 field number 0, -6 varint over 10 bytes, -8 length of 0x7FFFFFFF or more
+// (also for a size of that much). The record is unusable on failure.
 [[nodiscard]] int pbtools_message_decode(void *record_p, const uint8_t *data_p, size_t size,
                                          const pbtools_message_desc *desc_p);
 

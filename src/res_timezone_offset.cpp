@@ -2,8 +2,6 @@
 // declared in res_timezone_offset.h.
 #include "res_timezone_offset.h"
 
-#include <iterator>
-
 // ---- res_timezone_offset_message ------------------------------------------------------
 
 namespace
@@ -14,9 +12,8 @@ constexpr pbtools_field_desc res_timezone_offset_message_fields[] = {
     PBTOOLS_FIELD(res_timezone_offset_message_t, current_time, 2, nullptr),
     PBTOOLS_FIELD(res_timezone_offset_message_t, offset, 3, nullptr),
 };
-constexpr pbtools_message_desc res_timezone_offset_message_desc = {
-    sizeof(res_timezone_offset_message_t), res_timezone_offset_message_fields,
-    std::size(res_timezone_offset_message_fields)};
+constexpr pbtools_message_desc res_timezone_offset_message_desc =
+    pbtools_message_desc_make(sizeof(res_timezone_offset_message_t), res_timezone_offset_message_fields);
 static_assert(pbtools_desc_is_valid(res_timezone_offset_message_desc));
 
 } // namespace
