@@ -25,7 +25,7 @@ file_info_t *file_info_new(void *workspace_p, size_t size)
 
 int file_info_encode(const file_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &file_info_desc);
+    return pbtools_message_encode_compiled<file_info_desc>(self_p, encoded_p, size);
 }
 
 int file_info_decode(file_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -66,7 +66,7 @@ req_command_message_t *req_command_message_new(void *workspace_p, size_t size)
 
 int req_command_message_encode(const req_command_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_command_message_desc);
+    return pbtools_message_encode_compiled<req_command_message_desc>(self_p, encoded_p, size);
 }
 
 int req_command_message_decode(req_command_message_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -117,7 +117,7 @@ res_command_message_t *res_command_message_new(void *workspace_p, size_t size)
 
 int res_command_message_encode(const res_command_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &res_command_message_desc);
+    return pbtools_message_encode_compiled<res_command_message_desc>(self_p, encoded_p, size);
 }
 
 int res_command_message_decode(res_command_message_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -147,7 +147,7 @@ target_agent_info_t *target_agent_info_new(void *workspace_p, size_t size)
 
 int target_agent_info_encode(const target_agent_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &target_agent_info_desc);
+    return pbtools_message_encode_compiled<target_agent_info_desc>(self_p, encoded_p, size);
 }
 
 int target_agent_info_decode(target_agent_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -178,7 +178,7 @@ target_agent_info_message_t *target_agent_info_message_new(void *workspace_p, si
 int target_agent_info_message_encode(const target_agent_info_message_t *self_p, uint8_t *encoded_p,
                                      size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &target_agent_info_message_desc);
+    return pbtools_message_encode_compiled<target_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int target_agent_info_message_decode(target_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -221,7 +221,7 @@ req_file_chunk_message_t *req_file_chunk_message_new(void *workspace_p, size_t s
 
 int req_file_chunk_message_encode(const req_file_chunk_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_file_chunk_message_desc);
+    return pbtools_message_encode_compiled<req_file_chunk_message_desc>(self_p, encoded_p, size);
 }
 
 int req_file_chunk_message_decode(req_file_chunk_message_t *self_p, const uint8_t *encoded_p, size_t size)

@@ -25,7 +25,7 @@ common_ip_info_t *common_ip_info_new(void *workspace_p, size_t size)
 
 int common_ip_info_encode(const common_ip_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_ip_info_desc);
+    return pbtools_message_encode_compiled<common_ip_info_desc>(self_p, encoded_p, size);
 }
 
 int common_ip_info_decode(common_ip_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -54,7 +54,7 @@ common_mac_info_t *common_mac_info_new(void *workspace_p, size_t size)
 
 int common_mac_info_encode(const common_mac_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_mac_info_desc);
+    return pbtools_message_encode_compiled<common_mac_info_desc>(self_p, encoded_p, size);
 }
 
 int common_mac_info_decode(common_mac_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -101,7 +101,7 @@ common_req_agent_info_message_t *common_req_agent_info_message_new(void *workspa
 int common_req_agent_info_message_encode(const common_req_agent_info_message_t *self_p, uint8_t *encoded_p,
                                          size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_req_agent_info_message_desc);
+    return pbtools_message_encode_compiled<common_req_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int common_req_agent_info_message_decode(common_req_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -153,7 +153,7 @@ common_res_agent_info_message_t *common_res_agent_info_message_new(void *workspa
 int common_res_agent_info_message_encode(const common_res_agent_info_message_t *self_p, uint8_t *encoded_p,
                                          size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_res_agent_info_message_desc);
+    return pbtools_message_encode_compiled<common_res_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int common_res_agent_info_message_decode(common_res_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -185,7 +185,7 @@ common_req_agent_config_message_t *common_req_agent_config_message_new(void *wor
 int common_req_agent_config_message_encode(const common_req_agent_config_message_t *self_p,
                                            uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_req_agent_config_message_desc);
+    return pbtools_message_encode_compiled<common_req_agent_config_message_desc>(self_p, encoded_p, size);
 }
 
 int common_req_agent_config_message_decode(common_req_agent_config_message_t *self_p,
@@ -217,7 +217,7 @@ common_res_agent_config_message_t *common_res_agent_config_message_new(void *wor
 int common_res_agent_config_message_encode(const common_res_agent_config_message_t *self_p,
                                            uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_res_agent_config_message_desc);
+    return pbtools_message_encode_compiled<common_res_agent_config_message_desc>(self_p, encoded_p, size);
 }
 
 int common_res_agent_config_message_decode(common_res_agent_config_message_t *self_p,

@@ -87,94 +87,13 @@ void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment)
 namespace
 {
 
-// The free part of an output buffer, [pos, end). Every write checks the room first and
-// returns false, leaving pos where it was, when the bytes do not fit.
-struct writer_t {
-    uint8_t *pos;
-    uint8_t *end;
-};
-
-size_t varint_size(uint64_t value)
-{
-    // ceil(bits / 7), with 0 taking one byte.
-    return (static_cast<size_t>(std::bit_width(value | 1)) * 9 + 64) / 64;
-}
-
-uint8_t *put_varint_unchecked(uint8_t *pos_p, uint64_t value)
-{
-    while (value >= 0x80) {
-        *pos_p++ = static_cast<uint8_t>(value | 0x80);
-        value >>= 7;
-    }
-    *pos_p++ = static_cast<uint8_t>(value);
-    return pos_p;
-}
-
-bool put_varint(writer_t &w, uint64_t value)
-{
-    size_t room = static_cast<size_t>(w.end - w.pos);
-    if (room < k_max_varint_size && varint_size(value) > room) {
-        return false;
-    }
-    w.pos = put_varint_unchecked(w.pos, value);
-    return true;
-}
-
-bool put_raw(writer_t &w, const void *data_p, size_t size)
-{
-    if (size > static_cast<size_t>(w.end - w.pos)) {
-        return false;
-    }
-    if (size > 0) {
-        memcpy(w.pos, data_p, size);
-        w.pos += size;
-    }
-    return true;
-}
-
-// The field's tag from its table entry; all eight bytes are copied when there is room, so
-// the copy has a fixed size.
-bool put_tag(writer_t &w, const pbtools_field_desc &field)
-{
-    if (w.end - w.pos >= static_cast<ptrdiff_t>(sizeof(field.tag))) {
-        memcpy(w.pos, field.tag, sizeof(field.tag));
-        w.pos += field.tag_size;
-        return true;
-    }
-    return put_raw(w, field.tag, field.tag_size);
-}
-
-bool put_varint_field(writer_t &w, const pbtools_field_desc &field, uint64_t value)
-{
-    if (w.end - w.pos >= static_cast<ptrdiff_t>(sizeof(field.tag) + k_max_varint_size)) {
-        memcpy(w.pos, field.tag, sizeof(field.tag));
-        w.pos = put_varint_unchecked(w.pos + field.tag_size, value);
-        return true;
-    }
-    return put_tag(w, field) && put_varint(w, value);
-}
-
-bool put_length_delimited_field(writer_t &w, const pbtools_field_desc &field, const void *data_p, size_t size)
-{
-    size_t room = static_cast<size_t>(w.end - w.pos);
-    if (room >= sizeof(field.tag) + k_max_varint_size &&
-        size <= room - sizeof(field.tag) - k_max_varint_size) {
-        memcpy(w.pos, field.tag, sizeof(field.tag));
-        w.pos = put_varint_unchecked(w.pos + field.tag_size, size);
-        memcpy(w.pos, data_p, size);
-        w.pos += size;
-        return true;
-    }
-    return put_tag(w, field) && put_varint(w, size) && put_raw(w, data_p, size);
-}
-
 // Runs one primitive write on the encoder and latches a failure.
 template <typename Put> void encoder_apply(pbtools_encoder_t *self_p, Put put)
 {
     if (self_p->error != 0) {
         return;
     }
-    writer_t w = {self_p->buf_p + self_p->pos, self_p->buf_p + self_p->size};
+    pbtools_writer_t w = {self_p->buf_p + self_p->pos, self_p->buf_p + self_p->size};
     if (put(w)) {
         self_p->pos = static_cast<int32_t>(w.pos - self_p->buf_p);
     } else {
@@ -185,19 +104,36 @@ template <typename Put> void encoder_apply(pbtools_encoder_t *self_p, Put put)
 void encoder_put_varint_field(pbtools_encoder_t *self_p, int field_number, uint64_t value)
 {
     uint64_t tag = static_cast<uint64_t>(static_cast<uint32_t>(field_number)) << 3 | WIRE_VARINT;
-    encoder_apply(self_p, [&](writer_t &w) { return put_varint(w, tag) && put_varint(w, value); });
+    encoder_apply(self_p, [&](pbtools_writer_t &w) {
+        return pbtools_put_varint(w, tag) && pbtools_put_varint(w, value);
+    });
 }
 
 void encoder_put_length_delimited(pbtools_encoder_t *self_p, int field_number, const void *data_p,
                                   size_t size)
 {
     uint64_t tag = static_cast<uint64_t>(static_cast<uint32_t>(field_number)) << 3 | WIRE_LENGTH_DELIMITED;
-    encoder_apply(self_p, [&](writer_t &w) {
-        return put_varint(w, tag) && put_varint(w, size) && put_raw(w, data_p, size);
+    encoder_apply(self_p, [&](pbtools_writer_t &w) {
+        return pbtools_put_varint(w, tag) && pbtools_put_varint(w, size) && pbtools_put_raw(w, data_p, size);
     });
 }
 
 } // namespace
+
+// A sub-record's length is not known before it is written: one byte was kept for it; a
+// longer sub-record is moved up by the extra length bytes once its size is known.
+bool pbtools_put_nested_close_long(pbtools_writer_t &w, uint8_t *length_p)
+{
+    size_t length = static_cast<size_t>(w.pos - (length_p + 1));
+    size_t extra = pbtools_varint_size(length) - 1;
+    if (extra > static_cast<size_t>(w.end - w.pos)) {
+        return false;
+    }
+    memmove(length_p + 1 + extra, length_p + 1, length);
+    pbtools_put_varint_unchecked(length_p, length);
+    w.pos += extra;
+    return true;
+}
 
 void pbtools_encoder_init(pbtools_encoder_t *self_p, uint8_t *buf_p, size_t size)
 {
@@ -448,63 +384,45 @@ const pbtools_field_desc *find_field(const pbtools_message_desc &desc, size_t of
 }
 
 // ---- encoding ----
-// Forwards, field by field. A sub-record's length is not known before it is written: one
-// byte is kept for it, which is enough below 128 bytes; a longer sub-record is moved up by
-// the extra length bytes once its size is known.
+// Forwards, field by field, with the primitives of the compiled encoder.
 
-bool encode_record(writer_t &w, const void *record_p, const pbtools_message_desc &desc);
+bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc);
 
 // A sub-record is always written with tag and length, even when it encodes to nothing.
-bool encode_nested(writer_t &w, const pbtools_field_desc &field, const void *record_p)
+bool encode_nested(pbtools_writer_t &w, const pbtools_field_desc &field, const void *record_p)
 {
-    if (!put_tag(w, field) || w.pos == w.end) {
-        return false;
-    }
-    uint8_t *length_p = w.pos++;
-    if (!encode_record(w, record_p, *field.sub_p)) {
-        return false;
-    }
-    size_t length = static_cast<size_t>(w.pos - (length_p + 1));
-    if (length < 0x80) {
-        *length_p = static_cast<uint8_t>(length);
-        return true;
-    }
-    size_t extra = varint_size(length) - 1;
-    if (extra > static_cast<size_t>(w.end - w.pos)) {
-        return false;
-    }
-    memmove(length_p + 1 + extra, length_p + 1, length);
-    put_varint_unchecked(length_p, length);
-    w.pos += extra;
-    return true;
+    uint8_t *length_p;
+    return pbtools_put_nested_open(w, field, &length_p) && encode_record(w, record_p, *field.sub_p) &&
+           pbtools_put_nested_close(w, length_p);
 }
 
-bool encode_field(writer_t &w, const void *record_p, const pbtools_field_desc &field)
+bool encode_field(pbtools_writer_t &w, const void *record_p, const pbtools_field_desc &field)
 {
     switch (field.kind) {
     case PBTOOLS_KIND_INT32: {
         int32_t value = *member<int32_t>(record_p, field);
         // Negative values are sign-extended to ten bytes, as every protobuf reader expects.
-        return value == 0 || put_varint_field(w, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
+        return value == 0 ||
+               pbtools_put_varint_field(w, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
     }
     case PBTOOLS_KIND_UINT32: {
         uint32_t value = *member<uint32_t>(record_p, field);
-        return value == 0 || put_varint_field(w, field, value);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
     }
     case PBTOOLS_KIND_INT64:
     case PBTOOLS_KIND_UINT64: {
         uint64_t value = *member<uint64_t>(record_p, field);
-        return value == 0 || put_varint_field(w, field, value);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
     }
     case PBTOOLS_KIND_STRING: {
         const char *text_p = *member<const char *>(record_p, field);
         return text_p == nullptr || text_p[0] == '\0' ||
-               put_length_delimited_field(w, field, text_p, strlen(text_p));
+               pbtools_put_length_delimited_field(w, field, text_p, strlen(text_p));
     }
     case PBTOOLS_KIND_BYTES: {
         const pbtools_bytes_t *value_p = member<pbtools_bytes_t>(record_p, field);
         return value_p->buf_p == nullptr || value_p->size == 0 ||
-               put_length_delimited_field(w, field, value_p->buf_p, value_p->size);
+               pbtools_put_length_delimited_field(w, field, value_p->buf_p, value_p->size);
     }
     case PBTOOLS_KIND_MESSAGE: {
         const void *sub_p = load_pointer(record_p, field.offset);
@@ -524,7 +442,7 @@ bool encode_field(writer_t &w, const void *record_p, const pbtools_field_desc &f
     return true;
 }
 
-bool encode_record(writer_t &w, const void *record_p, const pbtools_message_desc &desc)
+bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc)
 {
     for (uint32_t i = 0; i < desc.field_count; i++) {
         if (!encode_field(w, record_p, desc.fields_p[i])) {
@@ -771,7 +689,7 @@ int pbtools_message_encode(const void *record_p, uint8_t *buf_p, size_t size,
     if (size > k_length_limit) {
         size = k_length_limit;
     }
-    writer_t w = {buf_p, buf_p + size};
+    pbtools_writer_t w = {buf_p, buf_p + size};
     if (!encode_record(w, record_p, *desc_p)) {
         return -PBTOOLS_ENCODE_BUFFER_FULL;
     }

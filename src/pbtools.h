@@ -4,8 +4,11 @@
 // Thread-safe: every function works only on the records, buffers and workspace it is given.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <utility>
 
 // ---- error codes (returned negated) ----------------------------------------------------
 enum : int {
@@ -285,3 +288,201 @@ static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
 // it. Returns 0, or -3 when the heap is exhausted (the field is unchanged).
 [[nodiscard]] int pbtools_message_sub_alloc(void *record_p, const pbtools_message_desc *desc_p,
                                             size_t offset);
+
+// ---- compiled encoder (called by the message units) ------------------------------------------
+// The encoding of pbtools_message_encode with the table walked at compile time: each message
+// unit gets straight-line code for its records, the offsets and tags of its tables built in.
+
+// The free part of an output buffer, [pos, end). Every write checks the room first and
+// returns false when its bytes do not fit; the encoding is abandoned then.
+struct pbtools_writer_t {
+    uint8_t *pos;
+    uint8_t *end;
+};
+
+inline constexpr size_t PBTOOLS_MAX_VARINT_SIZE = 10;
+
+// Bytes of the varint of value: 1 to 10.
+inline size_t pbtools_varint_size(uint64_t value)
+{
+    return (static_cast<size_t>(std::bit_width(value | 1)) * 9 + 64) / 64; // ceil(bits / 7)
+}
+
+// Writes the varint at pos_p, which has room for it; returns the byte after it.
+inline uint8_t *pbtools_put_varint_unchecked(uint8_t *pos_p, uint64_t value)
+{
+    while (value >= 0x80) {
+        *pos_p++ = static_cast<uint8_t>(value | 0x80);
+        value >>= 7;
+    }
+    *pos_p++ = static_cast<uint8_t>(value);
+    return pos_p;
+}
+
+inline bool pbtools_put_varint(pbtools_writer_t &w, uint64_t value)
+{
+    size_t room = static_cast<size_t>(w.end - w.pos);
+    if (room < PBTOOLS_MAX_VARINT_SIZE && pbtools_varint_size(value) > room) {
+        return false;
+    }
+    w.pos = pbtools_put_varint_unchecked(w.pos, value);
+    return true;
+}
+
+inline bool pbtools_put_raw(pbtools_writer_t &w, const void *data_p, size_t size)
+{
+    if (size > static_cast<size_t>(w.end - w.pos)) {
+        return false;
+    }
+    if (size > 0) {
+        memcpy(w.pos, data_p, size);
+        w.pos += size;
+    }
+    return true;
+}
+
+// The field's tag; all eight bytes of the table's copy are written when there is room, so
+// that the copy has a fixed size.
+inline bool pbtools_put_tag(pbtools_writer_t &w, const pbtools_field_desc &field)
+{
+    if (w.end - w.pos >= static_cast<ptrdiff_t>(sizeof(field.tag))) {
+        memcpy(w.pos, field.tag, sizeof(field.tag));
+        w.pos += field.tag_size;
+        return true;
+    }
+    return pbtools_put_raw(w, field.tag, field.tag_size);
+}
+
+inline bool pbtools_put_varint_field(pbtools_writer_t &w, const pbtools_field_desc &field, uint64_t value)
+{
+    if (w.end - w.pos >= static_cast<ptrdiff_t>(sizeof(field.tag) + PBTOOLS_MAX_VARINT_SIZE)) {
+        memcpy(w.pos, field.tag, sizeof(field.tag));
+        w.pos = pbtools_put_varint_unchecked(w.pos + field.tag_size, value);
+        return true;
+    }
+    return pbtools_put_tag(w, field) && pbtools_put_varint(w, value);
+}
+
+inline bool pbtools_put_length_delimited_field(pbtools_writer_t &w, const pbtools_field_desc &field,
+                                               const void *data_p, size_t size)
+{
+    constexpr size_t prefix = sizeof(field.tag) + PBTOOLS_MAX_VARINT_SIZE;
+    size_t room = static_cast<size_t>(w.end - w.pos);
+    if (room >= prefix && size <= room - prefix) {
+        memcpy(w.pos, field.tag, sizeof(field.tag));
+        w.pos = pbtools_put_varint_unchecked(w.pos + field.tag_size, size);
+        memcpy(w.pos, data_p, size);
+        w.pos += size;
+        return true;
+    }
+    return pbtools_put_tag(w, field) && pbtools_put_varint(w, size) && pbtools_put_raw(w, data_p, size);
+}
+
+// Starts a sub-record: its tag, and one byte kept for its length at *length_pp (enough for a
+// sub-record under 128 bytes).
+inline bool pbtools_put_nested_open(pbtools_writer_t &w, const pbtools_field_desc &field, uint8_t **length_pp)
+{
+    if (!pbtools_put_tag(w, field) || w.pos == w.end) {
+        return false;
+    }
+    *length_pp = w.pos++;
+    return true;
+}
+
+// Ends the sub-record whose length byte is at length_p (out of line: moves the sub-record up
+// by the extra length bytes when it is 128 bytes or more).
+bool pbtools_put_nested_close_long(pbtools_writer_t &w, uint8_t *length_p);
+
+inline bool pbtools_put_nested_close(pbtools_writer_t &w, uint8_t *length_p)
+{
+    size_t length = static_cast<size_t>(w.pos - (length_p + 1));
+    if (length < 0x80) {
+        *length_p = static_cast<uint8_t>(length);
+        return true;
+    }
+    return pbtools_put_nested_close_long(w, length_p);
+}
+
+template <const pbtools_message_desc &D>
+bool pbtools_encode_record(pbtools_writer_t &w, const void *record_p);
+
+template <typename T> const T &pbtools_member_at(const void *record_p, uint32_t offset)
+{
+    return *reinterpret_cast<const T *>(static_cast<const char *>(record_p) + offset);
+}
+
+// Field I of table D: defaults omitted, every item of a repeated field written.
+template <const pbtools_message_desc &D, uint32_t I>
+inline bool pbtools_encode_field(pbtools_writer_t &w, const void *record_p)
+{
+    constexpr const pbtools_field_desc &field = D.fields_p[I];
+    if constexpr (field.kind == PBTOOLS_KIND_INT32) {
+        int32_t value = pbtools_member_at<int32_t>(record_p, field.offset);
+        // Negative values are sign-extended to ten bytes, as every protobuf reader expects.
+        return value == 0 ||
+               pbtools_put_varint_field(w, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
+    } else if constexpr (field.kind == PBTOOLS_KIND_UINT32) {
+        uint32_t value = pbtools_member_at<uint32_t>(record_p, field.offset);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
+    } else if constexpr (field.kind == PBTOOLS_KIND_INT64 || field.kind == PBTOOLS_KIND_UINT64) {
+        uint64_t value = pbtools_member_at<uint64_t>(record_p, field.offset);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
+    } else if constexpr (field.kind == PBTOOLS_KIND_STRING) {
+        const char *text_p = pbtools_member_at<const char *>(record_p, field.offset);
+        return text_p == nullptr || text_p[0] == '\0' ||
+               pbtools_put_length_delimited_field(w, field, text_p, strlen(text_p));
+    } else if constexpr (field.kind == PBTOOLS_KIND_BYTES) {
+        const pbtools_bytes_t &value = pbtools_member_at<pbtools_bytes_t>(record_p, field.offset);
+        return value.buf_p == nullptr || value.size == 0 ||
+               pbtools_put_length_delimited_field(w, field, value.buf_p, value.size);
+    } else if constexpr (field.kind == PBTOOLS_KIND_MESSAGE) {
+        const void *sub_p;
+        memcpy(&sub_p, static_cast<const char *>(record_p) + field.offset, sizeof(sub_p));
+        uint8_t *length_p;
+        return sub_p == nullptr ||
+               (pbtools_put_nested_open(w, field, &length_p) &&
+                pbtools_encode_record<*field.sub_p>(w, sub_p) && pbtools_put_nested_close(w, length_p));
+    } else {
+        static_assert(field.kind == PBTOOLS_KIND_REPEATED);
+        const pbtools_repeated<char> &repeated =
+            pbtools_member_at<pbtools_repeated<char>>(record_p, field.offset);
+        const char *items_p;
+        memcpy(&items_p,
+               static_cast<const char *>(record_p) + field.offset + offsetof(pbtools_repeated<char>, items_p),
+               sizeof(items_p));
+        int32_t count = items_p == nullptr ? 0 : repeated.length;
+        for (int32_t i = 0; i < count; i++) {
+            uint8_t *length_p;
+            if (!pbtools_put_nested_open(w, field, &length_p) ||
+                !pbtools_encode_record<*field.sub_p>(w, items_p + static_cast<size_t>(i) * field.item_size) ||
+                !pbtools_put_nested_close(w, length_p)) {
+                return false;
+            }
+        }
+        return true;
+    }
+}
+
+template <const pbtools_message_desc &D, uint32_t... I>
+inline bool pbtools_encode_fields(pbtools_writer_t &w, const void *record_p,
+                                  std::integer_sequence<uint32_t, I...>)
+{
+    return (pbtools_encode_field<D, I>(w, record_p) && ...);
+}
+
+template <const pbtools_message_desc &D> bool pbtools_encode_record(pbtools_writer_t &w, const void *record_p)
+{
+    return pbtools_encode_fields<D>(w, record_p, std::make_integer_sequence<uint32_t, D.field_count>{});
+}
+
+// Encodes a record of table D into buf_p: the same bytes and results as
+// pbtools_message_encode (the number of bytes at the start of buf_p, or -4).
+template <const pbtools_message_desc &D>
+[[nodiscard]] int pbtools_message_encode_compiled(const void *record_p, uint8_t *buf_p, size_t size)
+{
+    pbtools_writer_t w = {buf_p, buf_p + (size > 0x7FFFFFFF ? size_t{0x7FFFFFFF} : size)};
+    if (!pbtools_encode_record<D>(w, record_p)) {
+        return -PBTOOLS_ENCODE_BUFFER_FULL;
+    }
+    return static_cast<int>(w.pos - buf_p);
+}

@@ -23,7 +23,7 @@ req_time_sync_t *req_time_sync_new(void *workspace_p, size_t size)
 
 int req_time_sync_encode(const req_time_sync_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_time_sync_desc);
+    return pbtools_message_encode_compiled<req_time_sync_desc>(self_p, encoded_p, size);
 }
 
 int req_time_sync_decode(req_time_sync_t *self_p, const uint8_t *encoded_p, size_t size)

@@ -25,7 +25,7 @@ res_time_sync_message_t *res_time_sync_message_new(void *workspace_p, size_t siz
 
 int res_time_sync_message_encode(const res_time_sync_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &res_time_sync_message_desc);
+    return pbtools_message_encode_compiled<res_time_sync_message_desc>(self_p, encoded_p, size);
 }
 
 int res_time_sync_message_decode(res_time_sync_message_t *self_p, const uint8_t *encoded_p, size_t size)

@@ -27,7 +27,7 @@ res_timezone_offset_message_t *res_timezone_offset_message_new(void *workspace_p
 int res_timezone_offset_message_encode(const res_timezone_offset_message_t *self_p, uint8_t *encoded_p,
                                        size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &res_timezone_offset_message_desc);
+    return pbtools_message_encode_compiled<res_timezone_offset_message_desc>(self_p, encoded_p, size);
 }
 
 int res_timezone_offset_message_decode(res_timezone_offset_message_t *self_p, const uint8_t *encoded_p,
