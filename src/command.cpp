@@ -2,8 +2,6 @@
 // declared in command.h.
 #include "command.h"
 
-#include <iterator>
-
 // ---- file_info ------------------------------------------------------------------------
 
 namespace
@@ -14,8 +12,8 @@ constexpr pbtools_field_desc file_info_fields[] = {
     PBTOOLS_FIELD(file_info_t, file_size, 2, nullptr),
     PBTOOLS_FIELD(file_info_t, file_data, 3, nullptr),
 };
-constexpr pbtools_message_desc file_info_desc = {sizeof(file_info_t), file_info_fields,
-                                                 std::size(file_info_fields)};
+constexpr pbtools_message_desc file_info_desc =
+    pbtools_message_desc_make(sizeof(file_info_t), file_info_fields);
 static_assert(pbtools_desc_is_valid(file_info_desc));
 
 } // namespace
@@ -27,7 +25,7 @@ file_info_t *file_info_new(void *workspace_p, size_t size)
 
 int file_info_encode(const file_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &file_info_desc);
+    return pbtools_message_encode_compiled<file_info_desc>(self_p, encoded_p, size);
 }
 
 int file_info_decode(file_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -54,8 +52,8 @@ constexpr pbtools_field_desc req_command_message_fields[] = {
     PBTOOLS_FIELD(req_command_message_t, target_agent_infos, 11, &pbtools_map_entry_desc),
     PBTOOLS_FIELD(req_command_message_t, target_file_info, 12, &file_info_desc),
 };
-constexpr pbtools_message_desc req_command_message_desc = {
-    sizeof(req_command_message_t), req_command_message_fields, std::size(req_command_message_fields)};
+constexpr pbtools_message_desc req_command_message_desc =
+    pbtools_message_desc_make(sizeof(req_command_message_t), req_command_message_fields);
 static_assert(pbtools_desc_is_valid(req_command_message_desc));
 
 } // namespace
@@ -68,7 +66,7 @@ req_command_message_t *req_command_message_new(void *workspace_p, size_t size)
 
 int req_command_message_encode(const req_command_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_command_message_desc);
+    return pbtools_message_encode_compiled<req_command_message_desc>(self_p, encoded_p, size);
 }
 
 int req_command_message_decode(req_command_message_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -105,8 +103,8 @@ constexpr pbtools_field_desc res_command_message_fields[] = {
     PBTOOLS_FIELD(res_command_message_t, result, 9, nullptr),
     PBTOOLS_FIELD(res_command_message_t, result_message, 10, nullptr),
 };
-constexpr pbtools_message_desc res_command_message_desc = {
-    sizeof(res_command_message_t), res_command_message_fields, std::size(res_command_message_fields)};
+constexpr pbtools_message_desc res_command_message_desc =
+    pbtools_message_desc_make(sizeof(res_command_message_t), res_command_message_fields);
 static_assert(pbtools_desc_is_valid(res_command_message_desc));
 
 } // namespace
@@ -119,7 +117,7 @@ res_command_message_t *res_command_message_new(void *workspace_p, size_t size)
 
 int res_command_message_encode(const res_command_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &res_command_message_desc);
+    return pbtools_message_encode_compiled<res_command_message_desc>(self_p, encoded_p, size);
 }
 
 int res_command_message_decode(res_command_message_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -135,8 +133,8 @@ namespace
 constexpr pbtools_field_desc target_agent_info_fields[] = {
     PBTOOLS_FIELD(target_agent_info_t, agent_id, 1, nullptr),
 };
-constexpr pbtools_message_desc target_agent_info_desc = {
-    sizeof(target_agent_info_t), target_agent_info_fields, std::size(target_agent_info_fields)};
+constexpr pbtools_message_desc target_agent_info_desc =
+    pbtools_message_desc_make(sizeof(target_agent_info_t), target_agent_info_fields);
 static_assert(pbtools_desc_is_valid(target_agent_info_desc));
 
 } // namespace
@@ -149,7 +147,7 @@ target_agent_info_t *target_agent_info_new(void *workspace_p, size_t size)
 
 int target_agent_info_encode(const target_agent_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &target_agent_info_desc);
+    return pbtools_message_encode_compiled<target_agent_info_desc>(self_p, encoded_p, size);
 }
 
 int target_agent_info_decode(target_agent_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -165,9 +163,8 @@ namespace
 constexpr pbtools_field_desc target_agent_info_message_fields[] = {
     PBTOOLS_FIELD(target_agent_info_message_t, target_agent_infos, 1, &target_agent_info_desc),
 };
-constexpr pbtools_message_desc target_agent_info_message_desc = {sizeof(target_agent_info_message_t),
-                                                                 target_agent_info_message_fields,
-                                                                 std::size(target_agent_info_message_fields)};
+constexpr pbtools_message_desc target_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(target_agent_info_message_t), target_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(target_agent_info_message_desc));
 
 } // namespace
@@ -181,7 +178,7 @@ target_agent_info_message_t *target_agent_info_message_new(void *workspace_p, si
 int target_agent_info_message_encode(const target_agent_info_message_t *self_p, uint8_t *encoded_p,
                                      size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &target_agent_info_message_desc);
+    return pbtools_message_encode_compiled<target_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int target_agent_info_message_decode(target_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -210,9 +207,8 @@ constexpr pbtools_field_desc req_file_chunk_message_fields[] = {
     PBTOOLS_FIELD(req_file_chunk_message_t, chunk_count, 6, nullptr),
     PBTOOLS_FIELD(req_file_chunk_message_t, chunk_data, 7, nullptr),
 };
-constexpr pbtools_message_desc req_file_chunk_message_desc = {sizeof(req_file_chunk_message_t),
-                                                              req_file_chunk_message_fields,
-                                                              std::size(req_file_chunk_message_fields)};
+constexpr pbtools_message_desc req_file_chunk_message_desc =
+    pbtools_message_desc_make(sizeof(req_file_chunk_message_t), req_file_chunk_message_fields);
 static_assert(pbtools_desc_is_valid(req_file_chunk_message_desc));
 
 } // namespace
@@ -225,7 +221,7 @@ req_file_chunk_message_t *req_file_chunk_message_new(void *workspace_p, size_t s
 
 int req_file_chunk_message_encode(const req_file_chunk_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_file_chunk_message_desc);
+    return pbtools_message_encode_compiled<req_file_chunk_message_desc>(self_p, encoded_p, size);
 }
 
 int req_file_chunk_message_decode(req_file_chunk_message_t *self_p, const uint8_t *encoded_p, size_t size)

@@ -2,8 +2,6 @@
 // declared in common_agent_info.h.
 #include "common_agent_info.h"
 
-#include <iterator>
-
 // ---- common_ip_info -------------------------------------------------------------------
 
 namespace
@@ -14,8 +12,8 @@ constexpr pbtools_field_desc common_ip_info_fields[] = {
     PBTOOLS_FIELD(common_ip_info_t, ip_address, 2, nullptr),
     PBTOOLS_FIELD(common_ip_info_t, ip_extra, 3, nullptr),
 };
-constexpr pbtools_message_desc common_ip_info_desc = {sizeof(common_ip_info_t), common_ip_info_fields,
-                                                      std::size(common_ip_info_fields)};
+constexpr pbtools_message_desc common_ip_info_desc =
+    pbtools_message_desc_make(sizeof(common_ip_info_t), common_ip_info_fields);
 static_assert(pbtools_desc_is_valid(common_ip_info_desc));
 
 } // namespace
@@ -27,7 +25,7 @@ common_ip_info_t *common_ip_info_new(void *workspace_p, size_t size)
 
 int common_ip_info_encode(const common_ip_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_ip_info_desc);
+    return pbtools_message_encode_compiled<common_ip_info_desc>(self_p, encoded_p, size);
 }
 
 int common_ip_info_decode(common_ip_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -43,8 +41,8 @@ namespace
 constexpr pbtools_field_desc common_mac_info_fields[] = {
     PBTOOLS_FIELD(common_mac_info_t, mac_address, 1, nullptr),
 };
-constexpr pbtools_message_desc common_mac_info_desc = {sizeof(common_mac_info_t), common_mac_info_fields,
-                                                       std::size(common_mac_info_fields)};
+constexpr pbtools_message_desc common_mac_info_desc =
+    pbtools_message_desc_make(sizeof(common_mac_info_t), common_mac_info_fields);
 static_assert(pbtools_desc_is_valid(common_mac_info_desc));
 
 } // namespace
@@ -56,7 +54,7 @@ common_mac_info_t *common_mac_info_new(void *workspace_p, size_t size)
 
 int common_mac_info_encode(const common_mac_info_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_mac_info_desc);
+    return pbtools_message_encode_compiled<common_mac_info_desc>(self_p, encoded_p, size);
 }
 
 int common_mac_info_decode(common_mac_info_t *self_p, const uint8_t *encoded_p, size_t size)
@@ -88,9 +86,8 @@ constexpr pbtools_field_desc common_req_agent_info_message_fields[] = {
     PBTOOLS_FIELD(common_req_agent_info_message_t, custom_infos, 16, &pbtools_map_entry_desc),
     PBTOOLS_FIELD(common_req_agent_info_message_t, boot_time, 17, nullptr),
 };
-constexpr pbtools_message_desc common_req_agent_info_message_desc = {
-    sizeof(common_req_agent_info_message_t), common_req_agent_info_message_fields,
-    std::size(common_req_agent_info_message_fields)};
+constexpr pbtools_message_desc common_req_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(common_req_agent_info_message_t), common_req_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(common_req_agent_info_message_desc));
 
 } // namespace
@@ -104,7 +101,7 @@ common_req_agent_info_message_t *common_req_agent_info_message_new(void *workspa
 int common_req_agent_info_message_encode(const common_req_agent_info_message_t *self_p, uint8_t *encoded_p,
                                          size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_req_agent_info_message_desc);
+    return pbtools_message_encode_compiled<common_req_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int common_req_agent_info_message_decode(common_req_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -141,9 +138,8 @@ constexpr pbtools_field_desc common_res_agent_info_message_fields[] = {
     PBTOOLS_FIELD(common_res_agent_info_message_t, protocol_version, 2, nullptr),
     PBTOOLS_FIELD(common_res_agent_info_message_t, dg_protocol_version, 3, nullptr),
 };
-constexpr pbtools_message_desc common_res_agent_info_message_desc = {
-    sizeof(common_res_agent_info_message_t), common_res_agent_info_message_fields,
-    std::size(common_res_agent_info_message_fields)};
+constexpr pbtools_message_desc common_res_agent_info_message_desc =
+    pbtools_message_desc_make(sizeof(common_res_agent_info_message_t), common_res_agent_info_message_fields);
 static_assert(pbtools_desc_is_valid(common_res_agent_info_message_desc));
 
 } // namespace
@@ -157,7 +153,7 @@ common_res_agent_info_message_t *common_res_agent_info_message_new(void *workspa
 int common_res_agent_info_message_encode(const common_res_agent_info_message_t *self_p, uint8_t *encoded_p,
                                          size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_res_agent_info_message_desc);
+    return pbtools_message_encode_compiled<common_res_agent_info_message_desc>(self_p, encoded_p, size);
 }
 
 int common_res_agent_info_message_decode(common_res_agent_info_message_t *self_p, const uint8_t *encoded_p,
@@ -174,9 +170,8 @@ namespace
 constexpr pbtools_field_desc common_req_agent_config_message_fields[] = {
     PBTOOLS_FIELD(common_req_agent_config_message_t, config_name, 1, nullptr),
 };
-constexpr pbtools_message_desc common_req_agent_config_message_desc = {
-    sizeof(common_req_agent_config_message_t), common_req_agent_config_message_fields,
-    std::size(common_req_agent_config_message_fields)};
+constexpr pbtools_message_desc common_req_agent_config_message_desc = pbtools_message_desc_make(
+    sizeof(common_req_agent_config_message_t), common_req_agent_config_message_fields);
 static_assert(pbtools_desc_is_valid(common_req_agent_config_message_desc));
 
 } // namespace
@@ -190,7 +185,7 @@ common_req_agent_config_message_t *common_req_agent_config_message_new(void *wor
 int common_req_agent_config_message_encode(const common_req_agent_config_message_t *self_p,
                                            uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_req_agent_config_message_desc);
+    return pbtools_message_encode_compiled<common_req_agent_config_message_desc>(self_p, encoded_p, size);
 }
 
 int common_req_agent_config_message_decode(common_req_agent_config_message_t *self_p,
@@ -207,9 +202,8 @@ namespace
 constexpr pbtools_field_desc common_res_agent_config_message_fields[] = {
     PBTOOLS_FIELD(common_res_agent_config_message_t, configs, 1, &pbtools_map_entry_desc),
 };
-constexpr pbtools_message_desc common_res_agent_config_message_desc = {
-    sizeof(common_res_agent_config_message_t), common_res_agent_config_message_fields,
-    std::size(common_res_agent_config_message_fields)};
+constexpr pbtools_message_desc common_res_agent_config_message_desc = pbtools_message_desc_make(
+    sizeof(common_res_agent_config_message_t), common_res_agent_config_message_fields);
 static_assert(pbtools_desc_is_valid(common_res_agent_config_message_desc));
 
 } // namespace
@@ -223,7 +217,7 @@ common_res_agent_config_message_t *common_res_agent_config_message_new(void *wor
 int common_res_agent_config_message_encode(const common_res_agent_config_message_t *self_p,
                                            uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &common_res_agent_config_message_desc);
+    return pbtools_message_encode_compiled<common_res_agent_config_message_desc>(self_p, encoded_p, size);
 }
 
 int common_res_agent_config_message_decode(common_res_agent_config_message_t *self_p,

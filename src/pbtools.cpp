@@ -1,8 +1,9 @@
-// pbtools: workspace heap, backwards encoder, bounded decoder and the table walker shared by
+// pbtools: workspace heap, forward encoder, bounded decoder and the table walker shared by
 // every DG message. Nothing here touches the process heap: records, texts and arrays come
 // from the caller's workspace, so a decode is bounded by that area and freed in one step.
 #include "pbtools.h"
 
+#include <bit>
 #include <cstring>
 
 namespace
@@ -60,7 +61,7 @@ pbtools_heap_t *pbtools_heap_new(void *buf_p, size_t size)
     return heap_p;
 }
 
-void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment)
+void *pbtools_heap_alloc_uninit(pbtools_heap_t *heap_p, size_t size, size_t alignment)
 {
     // pos and size are both at most 0x7FFFFFFF, so the rounding cannot wrap.
     size_t pos = (static_cast<size_t>(heap_p->pos) + alignment - 1) & ~(alignment - 1);
@@ -69,8 +70,13 @@ void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment)
         return nullptr;
     }
     heap_p->pos = static_cast<int32_t>(pos + size);
-    char *block_p = heap_p->buf_p + pos;
-    if (size > 0) {
+    return heap_p->buf_p + pos;
+}
+
+void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment)
+{
+    void *block_p = pbtools_heap_alloc_uninit(heap_p, size, alignment);
+    if (block_p != nullptr && size > 0) {
         memset(block_p, 0, size);
     }
     return block_p;
@@ -78,87 +84,74 @@ void *pbtools_heap_alloc(pbtools_heap_t *heap_p, size_t size, size_t alignment)
 
 // ==== encoder ===================================================================================
 
-void pbtools_encoder_init(pbtools_encoder_t *self_p, uint8_t *buf_p, size_t size)
-{
-    self_p->buf_p = buf_p;
-    self_p->size = static_cast<int32_t>(size > k_length_limit ? k_length_limit : size);
-    self_p->pos = self_p->size;
-    self_p->error = 0;
-}
-
-int pbtools_encoder_get_result(pbtools_encoder_t *self_p)
-{
-    if (self_p->error != 0) {
-        return self_p->error;
-    }
-    int length = self_p->size - self_p->pos;
-    if (length > 0) {
-        memmove(self_p->buf_p, self_p->buf_p + self_p->pos, static_cast<size_t>(length));
-    }
-    return length;
-}
-
 namespace
 {
 
-void encoder_put(pbtools_encoder_t *self_p, const void *data_p, size_t size)
-{
-    if (self_p->error != 0 || size == 0) {
-        return;
-    }
-    if (size > static_cast<size_t>(self_p->pos)) {
-        self_p->error = -PBTOOLS_ENCODE_BUFFER_FULL;
-        return;
-    }
-    self_p->pos -= static_cast<int32_t>(size);
-    memcpy(self_p->buf_p + self_p->pos, data_p, size);
-}
-
-void encoder_put_varint(pbtools_encoder_t *self_p, uint64_t value)
-{
-    uint8_t buf[k_max_varint_size];
-    size_t size = 0;
-    do {
-        buf[size] = static_cast<uint8_t>(value & 0x7F);
-        value >>= 7;
-        if (value != 0) {
-            buf[size] |= 0x80;
-        }
-        size++;
-    } while (value != 0);
-    encoder_put(self_p, buf, size);
-}
-
-void encoder_put_tag(pbtools_encoder_t *self_p, int field_number, int wire_type)
-{
-    encoder_put_varint(self_p, (static_cast<uint64_t>(static_cast<uint32_t>(field_number)) << 3) | wire_type);
-}
-
-// Writes length and tag in front of what was written since end_pos (backwards order).
-void encoder_close_length_delimited(pbtools_encoder_t *self_p, int field_number, int32_t end_pos)
+// Runs one primitive write on the encoder and latches a failure.
+template <typename Put> void encoder_apply(pbtools_encoder_t *self_p, Put put)
 {
     if (self_p->error != 0) {
         return;
     }
-    encoder_put_varint(self_p, static_cast<uint64_t>(end_pos - self_p->pos));
-    encoder_put_tag(self_p, field_number, WIRE_LENGTH_DELIMITED);
+    pbtools_writer_t w = {self_p->buf_p + self_p->pos, self_p->buf_p + self_p->size};
+    if (put(w)) {
+        self_p->pos = static_cast<int32_t>(w.pos - self_p->buf_p);
+    } else {
+        self_p->error = -PBTOOLS_ENCODE_BUFFER_FULL;
+    }
+}
+
+void encoder_put_varint_field(pbtools_encoder_t *self_p, int field_number, uint64_t value)
+{
+    uint64_t tag = static_cast<uint64_t>(static_cast<uint32_t>(field_number)) << 3 | WIRE_VARINT;
+    encoder_apply(self_p, [&](pbtools_writer_t &w) {
+        return pbtools_put_varint(w, tag) && pbtools_put_varint(w, value);
+    });
 }
 
 void encoder_put_length_delimited(pbtools_encoder_t *self_p, int field_number, const void *data_p,
                                   size_t size)
 {
-    int32_t end_pos = self_p->pos;
-    encoder_put(self_p, data_p, size);
-    encoder_close_length_delimited(self_p, field_number, end_pos);
+    uint64_t tag = static_cast<uint64_t>(static_cast<uint32_t>(field_number)) << 3 | WIRE_LENGTH_DELIMITED;
+    encoder_apply(self_p, [&](pbtools_writer_t &w) {
+        return pbtools_put_varint(w, tag) && pbtools_put_varint(w, size) && pbtools_put_raw(w, data_p, size);
+    });
 }
 
 } // namespace
 
+// A sub-record's length is not known before it is written: one byte was kept for it; a
+// longer sub-record is moved up by the extra length bytes once its size is known.
+bool pbtools_put_nested_close_long(pbtools_writer_t &w, uint8_t *length_p)
+{
+    size_t length = static_cast<size_t>(w.pos - (length_p + 1));
+    size_t extra = pbtools_varint_size(length) - 1;
+    if (extra > static_cast<size_t>(w.end - w.pos)) {
+        return false;
+    }
+    memmove(length_p + 1 + extra, length_p + 1, length);
+    pbtools_put_varint_unchecked(length_p, length);
+    w.pos += extra;
+    return true;
+}
+
+void pbtools_encoder_init(pbtools_encoder_t *self_p, uint8_t *buf_p, size_t size)
+{
+    self_p->buf_p = buf_p;
+    self_p->size = static_cast<int32_t>(size > k_length_limit ? k_length_limit : size);
+    self_p->pos = 0;
+    self_p->error = 0;
+}
+
+int pbtools_encoder_get_result(pbtools_encoder_t *self_p)
+{
+    return self_p->error != 0 ? self_p->error : self_p->pos;
+}
+
 void pbtools_encoder_write_int32_always(pbtools_encoder_t *self_p, int field_number, int32_t value)
 {
     // Negative values are sign-extended to ten bytes, as every protobuf reader expects.
-    encoder_put_varint(self_p, static_cast<uint64_t>(static_cast<int64_t>(value)));
-    encoder_put_tag(self_p, field_number, WIRE_VARINT);
+    encoder_put_varint_field(self_p, field_number, static_cast<uint64_t>(static_cast<int64_t>(value)));
 }
 
 void pbtools_encoder_write_int32(pbtools_encoder_t *self_p, int field_number, int32_t value)
@@ -170,8 +163,7 @@ void pbtools_encoder_write_int32(pbtools_encoder_t *self_p, int field_number, in
 
 void pbtools_encoder_write_uint32_always(pbtools_encoder_t *self_p, int field_number, uint32_t value)
 {
-    encoder_put_varint(self_p, value);
-    encoder_put_tag(self_p, field_number, WIRE_VARINT);
+    encoder_put_varint_field(self_p, field_number, value);
 }
 
 void pbtools_encoder_write_uint32(pbtools_encoder_t *self_p, int field_number, uint32_t value)
@@ -183,7 +175,7 @@ void pbtools_encoder_write_uint32(pbtools_encoder_t *self_p, int field_number, u
 
 void pbtools_encoder_write_int64_always(pbtools_encoder_t *self_p, int field_number, int64_t value)
 {
-    pbtools_encoder_write_uint64_always(self_p, field_number, static_cast<uint64_t>(value));
+    encoder_put_varint_field(self_p, field_number, static_cast<uint64_t>(value));
 }
 
 void pbtools_encoder_write_int64(pbtools_encoder_t *self_p, int field_number, int64_t value)
@@ -195,8 +187,7 @@ void pbtools_encoder_write_int64(pbtools_encoder_t *self_p, int field_number, in
 
 void pbtools_encoder_write_uint64_always(pbtools_encoder_t *self_p, int field_number, uint64_t value)
 {
-    encoder_put_varint(self_p, value);
-    encoder_put_tag(self_p, field_number, WIRE_VARINT);
+    encoder_put_varint_field(self_p, field_number, value);
 }
 
 void pbtools_encoder_write_uint64(pbtools_encoder_t *self_p, int field_number, uint64_t value)
@@ -238,97 +229,83 @@ void pbtools_encoder_write_bytes(pbtools_encoder_t *self_p, int field_number, co
 namespace
 {
 
-// A view of one message body: [buf_p, buf_p + size). Every read checks the remaining bytes
-// first, so no input can move pos beyond size.
-struct decoder_t {
-    const uint8_t *buf_p;
-    size_t size;
-    size_t pos;
-    pbtools_heap_t *heap_p;
-    int error; // 0 or the first negated error code
+// The unread part of one message body, [pos, end). Every read checks the remaining bytes
+// first, so no input can move pos beyond end. Reads return 0 or a negated error code.
+struct reader_t {
+    const uint8_t *pos;
+    const uint8_t *end;
 };
 
-bool decoder_fail(decoder_t *self_p, int code)
-{
-    if (self_p->error == 0) {
-        self_p->error = -code;
-    }
-    return false;
-}
-
-bool decoder_read_varint(decoder_t *self_p, uint64_t *value_p)
+[[gnu::noinline]] int read_varint_slow(reader_t &r, uint64_t *value_p)
 {
     uint64_t value = 0;
     for (size_t i = 0; i < k_max_varint_size; i++) {
-        if (self_p->pos >= self_p->size) {
-            return decoder_fail(self_p, PBTOOLS_OUT_OF_DATA);
+        if (r.pos == r.end) {
+            return -PBTOOLS_OUT_OF_DATA;
         }
-        uint8_t byte = self_p->buf_p[self_p->pos++];
+        uint8_t byte = *r.pos++;
         // The tenth byte carries bit 63 only; higher bits are dropped as other readers do.
         value |= static_cast<uint64_t>(byte & 0x7F) << (7 * i);
         if ((byte & 0x80) == 0) {
             *value_p = value;
-            return true;
+            return 0;
         }
     }
-    return decoder_fail(self_p, PBTOOLS_VARINT_OVERFLOW);
+    return -PBTOOLS_VARINT_OVERFLOW;
 }
 
-bool decoder_read_tag(decoder_t *self_p, uint32_t *number_p, int *wire_type_p)
+inline int read_varint(reader_t &r, uint64_t *value_p)
 {
-    uint64_t tag;
-    if (!decoder_read_varint(self_p, &tag)) {
-        return false;
+    if (r.pos != r.end && *r.pos < 0x80) {
+        *value_p = *r.pos++;
+        return 0;
     }
-    if (tag < 8 || tag > UINT32_MAX) {
-        return decoder_fail(self_p, PBTOOLS_BAD_FIELD_NUMBER);
-    }
-    *number_p = static_cast<uint32_t>(tag >> 3);
-    *wire_type_p = static_cast<int>(tag & 7);
-    return true;
+    return read_varint_slow(r, value_p);
 }
 
 // Reads a length prefix that is known to fit in the remaining data.
-bool decoder_read_length(decoder_t *self_p, size_t *length_p)
+inline int read_length(reader_t &r, size_t *length_p)
 {
     uint64_t length;
-    if (!decoder_read_varint(self_p, &length)) {
-        return false;
+    if (int rc = read_varint(r, &length); rc != 0) {
+        return rc;
     }
     if (length >= k_length_limit) {
-        return decoder_fail(self_p, PBTOOLS_LENGTH_DELIMITED_OVERFLOW);
+        return -PBTOOLS_LENGTH_DELIMITED_OVERFLOW;
     }
-    if (length > self_p->size - self_p->pos) {
-        return decoder_fail(self_p, PBTOOLS_OUT_OF_DATA);
+    if (length > static_cast<size_t>(r.end - r.pos)) {
+        return -PBTOOLS_OUT_OF_DATA;
     }
     *length_p = static_cast<size_t>(length);
-    return true;
+    return 0;
 }
 
-bool decoder_seek(decoder_t *self_p, size_t size)
+int seek(reader_t &r, size_t size)
 {
-    if (size > self_p->size - self_p->pos) {
-        return decoder_fail(self_p, PBTOOLS_OUT_OF_DATA);
+    if (size > static_cast<size_t>(r.end - r.pos)) {
+        return -PBTOOLS_OUT_OF_DATA;
     }
-    self_p->pos += size;
-    return true;
+    r.pos += size;
+    return 0;
 }
 
-bool decoder_skip_field(decoder_t *self_p, int wire_type)
+int skip_field(reader_t &r, int wire_type)
 {
     uint64_t ignored;
     size_t length;
     switch (wire_type) {
     case WIRE_VARINT:
-        return decoder_read_varint(self_p, &ignored);
+        return read_varint(r, &ignored);
     case WIRE_FIXED64:
-        return decoder_seek(self_p, 8);
-    case WIRE_LENGTH_DELIMITED:
-        return decoder_read_length(self_p, &length) && decoder_seek(self_p, length);
+        return seek(r, 8);
+    case WIRE_LENGTH_DELIMITED: {
+        int rc = read_length(r, &length);
+        return rc != 0 ? rc : seek(r, length);
+    }
     case WIRE_FIXED32:
-        return decoder_seek(self_p, 4);
+        return seek(r, 4);
     default: // groups (3, 4) and the undefined 6 and 7
-        return decoder_fail(self_p, PBTOOLS_BAD_WIRE_TYPE);
+        return -PBTOOLS_BAD_WIRE_TYPE;
     }
 }
 
@@ -378,17 +355,15 @@ void record_init(void *record_p, pbtools_heap_t *heap_p, const pbtools_message_d
 {
     memset(record_p, 0, desc.record_size);
     *static_cast<pbtools_heap_t **>(record_p) = heap_p; // every record starts with its heap
-    for (uint32_t i = 0; i < desc.field_count; i++) {
-        if (desc.fields_p[i].kind == PBTOOLS_KIND_STRING) {
-            *member<const char *>(record_p, desc.fields_p[i]) = "";
-        }
+    for (uint64_t words = desc.string_words; words != 0; words &= words - 1) {
+        *reinterpret_cast<const char **>(static_cast<char *>(record_p) + 8 * std::countr_zero(words)) = "";
     }
 }
 
 // An array of `count` default records, or null when the heap is exhausted.
 void *records_new(pbtools_heap_t *heap_p, const pbtools_message_desc &desc, size_t count)
 {
-    void *items_p = pbtools_heap_alloc(heap_p, count * desc.record_size, k_record_alignment);
+    void *items_p = pbtools_heap_alloc_uninit(heap_p, count * desc.record_size, k_record_alignment);
     if (items_p == nullptr) {
         return nullptr;
     }
@@ -409,155 +384,168 @@ const pbtools_field_desc *find_field(const pbtools_message_desc &desc, size_t of
 }
 
 // ---- encoding ----
+// Forwards, field by field, with the primitives of the compiled encoder.
 
-void encode_record(pbtools_encoder_t *enc_p, const void *record_p, const pbtools_message_desc &desc);
+bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc);
 
 // A sub-record is always written with tag and length, even when it encodes to nothing.
-void encode_nested(pbtools_encoder_t *enc_p, int number, const void *record_p,
-                   const pbtools_message_desc &desc)
+bool encode_nested(pbtools_writer_t &w, const pbtools_field_desc &field, const void *record_p)
 {
-    int32_t end_pos = enc_p->pos;
-    encode_record(enc_p, record_p, desc);
-    encoder_close_length_delimited(enc_p, number, end_pos);
+    uint8_t *length_p;
+    return pbtools_put_nested_open(w, field, &length_p) && encode_record(w, record_p, *field.sub_p) &&
+           pbtools_put_nested_close(w, length_p);
 }
 
-void encode_field(pbtools_encoder_t *enc_p, const void *record_p, const pbtools_field_desc &field)
+bool encode_field(pbtools_writer_t &w, const void *record_p, const pbtools_field_desc &field)
 {
-    int number = static_cast<int>(field.number);
     switch (field.kind) {
-    case PBTOOLS_KIND_INT32:
-        return pbtools_encoder_write_int32(enc_p, number, *member<int32_t>(record_p, field));
-    case PBTOOLS_KIND_UINT32:
-        return pbtools_encoder_write_uint32(enc_p, number, *member<uint32_t>(record_p, field));
+    case PBTOOLS_KIND_INT32: {
+        int32_t value = *member<int32_t>(record_p, field);
+        // Negative values are sign-extended to ten bytes, as every protobuf reader expects.
+        return value == 0 ||
+               pbtools_put_varint_field(w, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
+    }
+    case PBTOOLS_KIND_UINT32: {
+        uint32_t value = *member<uint32_t>(record_p, field);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
+    }
     case PBTOOLS_KIND_INT64:
-        return pbtools_encoder_write_int64(enc_p, number, *member<int64_t>(record_p, field));
-    case PBTOOLS_KIND_UINT64:
-        return pbtools_encoder_write_uint64(enc_p, number, *member<uint64_t>(record_p, field));
-    case PBTOOLS_KIND_STRING:
-        return pbtools_encoder_write_string(enc_p, number, *member<const char *>(record_p, field));
-    case PBTOOLS_KIND_BYTES:
-        return pbtools_encoder_write_bytes(enc_p, number, member<pbtools_bytes_t>(record_p, field));
-    case PBTOOLS_KIND_MESSAGE:
-        if (const void *sub_p = load_pointer(record_p, field.offset); sub_p != nullptr) {
-            encode_nested(enc_p, number, sub_p, *field.sub_p);
-        }
-        return;
+    case PBTOOLS_KIND_UINT64: {
+        uint64_t value = *member<uint64_t>(record_p, field);
+        return value == 0 || pbtools_put_varint_field(w, field, value);
+    }
+    case PBTOOLS_KIND_STRING: {
+        const char *text_p = *member<const char *>(record_p, field);
+        return text_p == nullptr || text_p[0] == '\0' ||
+               pbtools_put_length_delimited_field(w, field, text_p, strlen(text_p));
+    }
+    case PBTOOLS_KIND_BYTES: {
+        const pbtools_bytes_t *value_p = member<pbtools_bytes_t>(record_p, field);
+        return value_p->buf_p == nullptr || value_p->size == 0 ||
+               pbtools_put_length_delimited_field(w, field, value_p->buf_p, value_p->size);
+    }
+    case PBTOOLS_KIND_MESSAGE: {
+        const void *sub_p = load_pointer(record_p, field.offset);
+        return sub_p == nullptr || encode_nested(w, field, sub_p);
+    }
     case PBTOOLS_KIND_REPEATED: {
         const char *items_p = static_cast<const char *>(load_pointer(record_p, items_offset(field)));
-        // Backwards, so the items land on the wire in array order.
-        for (int32_t i = items_p == nullptr ? 0 : *member<int32_t>(record_p, field);
-             i-- > 0 && enc_p->error == 0;) {
-            encode_nested(enc_p, number, items_p + static_cast<size_t>(i) * field.item_size, *field.sub_p);
+        int32_t count = items_p == nullptr ? 0 : *member<int32_t>(record_p, field);
+        for (int32_t i = 0; i < count; i++) {
+            if (!encode_nested(w, field, items_p + static_cast<size_t>(i) * field.item_size)) {
+                return false;
+            }
         }
-        return;
+        return true;
     }
     }
+    return true;
 }
 
-void encode_record(pbtools_encoder_t *enc_p, const void *record_p, const pbtools_message_desc &desc)
+bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc)
 {
-    for (uint32_t i = desc.field_count; i-- > 0 && enc_p->error == 0;) {
-        encode_field(enc_p, record_p, desc.fields_p[i]);
+    for (uint32_t i = 0; i < desc.field_count; i++) {
+        if (!encode_field(w, record_p, desc.fields_p[i])) {
+            return false;
+        }
     }
+    return true;
 }
 
 // ---- decoding ----
+// One pass over the body stores every singular field as it comes; items of repeated fields
+// are only counted and skipped. When there were any, one exactly sized array per repeated
+// field is allocated and a second pass, over the stretch from the first item to the last,
+// decodes the items into them.
 
-void decode_record(decoder_t *self_p, void *record_p, const pbtools_message_desc &desc);
+int decode_record(const uint8_t *data_p, const uint8_t *end_p, pbtools_heap_t *heap_p, void *record_p,
+                  const pbtools_message_desc &desc);
 
-// Decodes the next `length` bytes into an initialised record.
-bool decode_nested(decoder_t *self_p, size_t length, void *record_p, const pbtools_message_desc &desc)
+// The table entry of a field number, or null for an unknown field.
+inline const pbtools_field_desc *field_of(const pbtools_message_desc &desc, uint32_t number)
 {
-    decoder_t sub = {self_p->buf_p + self_p->pos, length, 0, self_p->heap_p, 0};
-    decode_record(&sub, record_p, desc);
-    self_p->pos += length;
-    return sub.error == 0 || decoder_fail(self_p, -sub.error);
+    if (number < PBTOOLS_DIRECT_NUMBERS) {
+        uint8_t index = desc.index[number];
+        return index == PBTOOLS_NO_FIELD ? nullptr : &desc.fields_p[index];
+    }
+    if (number > desc.max_number) {
+        return nullptr;
+    }
+    for (uint32_t i = 0; i < desc.field_count; i++) {
+        if (desc.fields_p[i].number == number) {
+            return &desc.fields_p[i];
+        }
+    }
+    return nullptr;
 }
 
-bool decode_string(decoder_t *self_p, void *record_p, const pbtools_field_desc &field)
+inline int read_tag(reader_t &r, uint32_t *number_p, int *wire_type_p)
+{
+    uint64_t tag;
+    if (int rc = read_varint(r, &tag); rc != 0) {
+        return rc;
+    }
+    if (tag < 8 || tag > UINT32_MAX) {
+        return -PBTOOLS_BAD_FIELD_NUMBER;
+    }
+    *number_p = static_cast<uint32_t>(tag >> 3);
+    *wire_type_p = static_cast<int>(tag & 7);
+    return 0;
+}
+
+int decode_string(reader_t &r, pbtools_heap_t *heap_p, void *record_p, const pbtools_field_desc &field)
 {
     size_t length;
-    if (!decoder_read_length(self_p, &length)) {
-        return false;
+    if (int rc = read_length(r, &length); rc != 0) {
+        return rc;
     }
-    auto *text_p = static_cast<char *>(pbtools_heap_alloc(self_p->heap_p, length + 1, 1));
+    auto *text_p = static_cast<char *>(pbtools_heap_alloc_uninit(heap_p, length + 1, 1));
     if (text_p == nullptr) {
-        return decoder_fail(self_p, PBTOOLS_OUT_OF_MEMORY);
+        return -PBTOOLS_OUT_OF_MEMORY;
     }
-    if (length > 0) {
-        memcpy(text_p, self_p->buf_p + self_p->pos, length);
-    }
+    memcpy(text_p, r.pos, length);
     text_p[length] = '\0';
-    self_p->pos += length;
+    r.pos += length;
     *member<const char *>(record_p, field) = text_p;
-    return true;
+    return 0;
 }
 
-bool decode_bytes(decoder_t *self_p, void *record_p, const pbtools_field_desc &field)
+int decode_bytes(reader_t &r, pbtools_heap_t *heap_p, void *record_p, const pbtools_field_desc &field)
 {
     size_t length;
-    if (!decoder_read_length(self_p, &length)) {
-        return false;
+    if (int rc = read_length(r, &length); rc != 0) {
+        return rc;
     }
     pbtools_bytes_t value = {nullptr, 0};
     if (length > 0) {
-        value.buf_p = static_cast<uint8_t *>(pbtools_heap_alloc(self_p->heap_p, length, 1));
+        value.buf_p = static_cast<uint8_t *>(pbtools_heap_alloc_uninit(heap_p, length, 1));
         if (value.buf_p == nullptr) {
-            return decoder_fail(self_p, PBTOOLS_OUT_OF_MEMORY);
+            return -PBTOOLS_OUT_OF_MEMORY;
         }
-        memcpy(value.buf_p, self_p->buf_p + self_p->pos, length);
+        memcpy(value.buf_p, r.pos, length);
         value.size = length;
-        self_p->pos += length;
+        r.pos += length;
     }
     *member<pbtools_bytes_t>(record_p, field) = value;
-    return true;
+    return 0;
 }
 
 // A later occurrence replaces the earlier sub-record instead of merging into it.
-bool decode_sub_message(decoder_t *self_p, void *record_p, const pbtools_field_desc &field)
+int decode_sub_message(reader_t &r, pbtools_heap_t *heap_p, void *record_p, const pbtools_field_desc &field)
 {
     size_t length;
-    if (!decoder_read_length(self_p, &length)) {
-        return false;
+    if (int rc = read_length(r, &length); rc != 0) {
+        return rc;
     }
-    void *sub_p = records_new(self_p->heap_p, *field.sub_p, 1);
+    void *sub_p = records_new(heap_p, *field.sub_p, 1);
     if (sub_p == nullptr) {
-        return decoder_fail(self_p, PBTOOLS_OUT_OF_MEMORY);
+        return -PBTOOLS_OUT_OF_MEMORY;
     }
     store_pointer(record_p, field.offset, sub_p);
-    return decode_nested(self_p, length, sub_p, *field.sub_p);
-}
-
-// First pass over one field: singular fields are stored, repeated items only counted.
-bool decode_field(decoder_t *self_p, void *record_p, const pbtools_field_desc &field)
-{
-    uint64_t value;
-    switch (field.kind) {
-    case PBTOOLS_KIND_INT32:
-    case PBTOOLS_KIND_UINT32:
-    case PBTOOLS_KIND_INT64:
-    case PBTOOLS_KIND_UINT64:
-        if (!decoder_read_varint(self_p, &value)) {
-            return false;
-        }
-        if (field.kind == PBTOOLS_KIND_INT32 || field.kind == PBTOOLS_KIND_UINT32) {
-            *member<uint32_t>(record_p, field) = static_cast<uint32_t>(value); // low 32 bits, as protobuf
-        } else {
-            *member<uint64_t>(record_p, field) = value;
-        }
-        return true;
-    case PBTOOLS_KIND_STRING:
-        return decode_string(self_p, record_p, field);
-    case PBTOOLS_KIND_BYTES:
-        return decode_bytes(self_p, record_p, field);
-    case PBTOOLS_KIND_MESSAGE:
-        return decode_sub_message(self_p, record_p, field);
-    case PBTOOLS_KIND_REPEATED:
-        // Each item takes at least two bytes of a body under 2 GiB: the count cannot overflow.
-        (*member<int32_t>(record_p, field))++;
-        return decoder_skip_field(self_p, WIRE_LENGTH_DELIMITED);
-    }
-    return false;
+    const uint8_t *sub_end_p = r.pos + length;
+    int rc = decode_record(r.pos, sub_end_p, heap_p, sub_p, *field.sub_p);
+    r.pos = sub_end_p;
+    return rc;
 }
 
 int expected_wire_type(pbtools_kind kind)
@@ -565,88 +553,126 @@ int expected_wire_type(pbtools_kind kind)
     return kind <= PBTOOLS_KIND_UINT64 ? WIRE_VARINT : WIRE_LENGTH_DELIMITED;
 }
 
-// Index of the field with this number, or -1 for an unknown field.
-int field_index(const pbtools_message_desc &desc, uint32_t number)
-{
-    for (uint32_t i = 0; i < desc.field_count; i++) {
-        if (desc.fields_p[i].number == number) {
-            return static_cast<int>(i);
-        }
-    }
-    return -1;
-}
-
-// Returns true when some repeated field has items, which then need the second pass.
-bool decode_first_pass(decoder_t *self_p, void *record_p, const pbtools_message_desc &desc)
-{
-    bool has_items = false;
-    uint32_t number;
-    int wire_type;
-    while (self_p->pos < self_p->size && decoder_read_tag(self_p, &number, &wire_type)) {
-        int index = field_index(desc, number);
-        if (index < 0) {
-            decoder_skip_field(self_p, wire_type);
-        } else if (wire_type != expected_wire_type(desc.fields_p[index].kind)) {
-            decoder_fail(self_p, PBTOOLS_BAD_WIRE_TYPE);
-        } else {
-            decode_field(self_p, record_p, desc.fields_p[index]);
-            has_items = has_items || desc.fields_p[index].kind == PBTOOLS_KIND_REPEATED;
-        }
-        if (self_p->error != 0) {
-            return false;
-        }
-    }
-    return has_items && self_p->error == 0;
-}
-
 // One exactly sized array per repeated field, from the counts of the first pass.
-bool alloc_item_arrays(decoder_t *self_p, void *record_p, const pbtools_message_desc &desc)
+int alloc_item_arrays(pbtools_heap_t *heap_p, void *record_p, const pbtools_message_desc &desc)
 {
     for (uint32_t i = 0; i < desc.field_count; i++) {
         const pbtools_field_desc &field = desc.fields_p[i];
         int32_t count = field.kind == PBTOOLS_KIND_REPEATED ? *member<int32_t>(record_p, field) : 0;
         if (count > 0) {
-            void *items_p = records_new(self_p->heap_p, *field.sub_p, static_cast<size_t>(count));
+            void *items_p = records_new(heap_p, *field.sub_p, static_cast<size_t>(count));
             if (items_p == nullptr) {
-                return decoder_fail(self_p, PBTOOLS_OUT_OF_MEMORY);
+                return -PBTOOLS_OUT_OF_MEMORY;
             }
             store_pointer(record_p, items_offset(field), items_p);
         }
     }
-    return true;
+    return 0;
 }
 
-// Second pass: the tags were all checked by the first one; only repeated items are decoded.
-void decode_second_pass(decoder_t *self_p, void *record_p, const pbtools_message_desc &desc)
+// Second pass over bytes the first one checked: only repeated items are decoded.
+int decode_items(reader_t r, pbtools_heap_t *heap_p, void *record_p, const pbtools_message_desc &desc)
 {
     int32_t filled[PBTOOLS_MAX_FIELDS] = {};
     uint32_t number;
     int wire_type;
     size_t length;
-    self_p->pos = 0;
-    while (self_p->error == 0 && self_p->pos < self_p->size &&
-           decoder_read_tag(self_p, &number, &wire_type)) {
-        int index = field_index(desc, number);
-        if (index < 0 || desc.fields_p[index].kind != PBTOOLS_KIND_REPEATED) {
-            decoder_skip_field(self_p, wire_type);
+    while (r.pos != r.end) {
+        if (int rc = read_tag(r, &number, &wire_type); rc != 0) {
+            return rc;
+        }
+        const pbtools_field_desc *field_p = field_of(desc, number);
+        if (field_p == nullptr || field_p->kind != PBTOOLS_KIND_REPEATED) {
+            if (int rc = skip_field(r, wire_type); rc != 0) {
+                return rc;
+            }
             continue;
         }
-        const pbtools_field_desc &field = desc.fields_p[index];
-        if (filled[index] >= *member<int32_t>(record_p, field) || !decoder_read_length(self_p, &length)) {
-            decoder_fail(self_p, PBTOOLS_OUT_OF_DATA); // cannot happen: same bytes as the first pass
-            return;
+        size_t index = static_cast<size_t>(field_p - desc.fields_p);
+        if (filled[index] >= *member<int32_t>(record_p, *field_p) || read_length(r, &length) != 0) {
+            return -PBTOOLS_OUT_OF_DATA; // cannot happen: same bytes as the first pass
         }
-        char *items_p = static_cast<char *>(load_pointer(record_p, items_offset(field)));
-        decode_nested(self_p, length, items_p + static_cast<size_t>(filled[index]++) * field.item_size,
-                      *field.sub_p);
+        char *items_p = static_cast<char *>(load_pointer(record_p, items_offset(*field_p)));
+        const uint8_t *item_end_p = r.pos + length;
+        if (int rc = decode_record(r.pos, item_end_p, heap_p,
+                                   items_p + static_cast<size_t>(filled[index]++) * field_p->item_size,
+                                   *field_p->sub_p);
+            rc != 0) {
+            return rc;
+        }
+        r.pos = item_end_p;
     }
+    return 0;
 }
 
-void decode_record(decoder_t *self_p, void *record_p, const pbtools_message_desc &desc)
+int decode_record(const uint8_t *data_p, const uint8_t *end_p, pbtools_heap_t *heap_p, void *record_p,
+                  const pbtools_message_desc &desc)
 {
-    if (decode_first_pass(self_p, record_p, desc) && alloc_item_arrays(self_p, record_p, desc)) {
-        decode_second_pass(self_p, record_p, desc);
+    reader_t r = {data_p, end_p};
+    const uint8_t *items_begin_p = nullptr; // tag of the first repeated item
+    const uint8_t *items_end_p = nullptr;   // end of the last one
+    uint32_t number;
+    int wire_type;
+    uint64_t value;
+    size_t length;
+    while (r.pos != r.end) {
+        const uint8_t *tag_p = r.pos;
+        int rc = read_tag(r, &number, &wire_type);
+        if (rc != 0) {
+            return rc;
+        }
+        const pbtools_field_desc *field_p = field_of(desc, number);
+        if (field_p == nullptr) {
+            rc = skip_field(r, wire_type);
+        } else if (wire_type != expected_wire_type(field_p->kind)) {
+            rc = -PBTOOLS_BAD_WIRE_TYPE;
+        } else {
+            switch (field_p->kind) {
+            case PBTOOLS_KIND_INT32:
+            case PBTOOLS_KIND_UINT32:
+                // The low 32 bits, as protobuf keeps them.
+                if (rc = read_varint(r, &value); rc == 0) {
+                    *member<uint32_t>(record_p, *field_p) = static_cast<uint32_t>(value);
+                }
+                break;
+            case PBTOOLS_KIND_INT64:
+            case PBTOOLS_KIND_UINT64:
+                if (rc = read_varint(r, &value); rc == 0) {
+                    *member<uint64_t>(record_p, *field_p) = value;
+                }
+                break;
+            case PBTOOLS_KIND_STRING:
+                rc = decode_string(r, heap_p, record_p, *field_p);
+                break;
+            case PBTOOLS_KIND_BYTES:
+                rc = decode_bytes(r, heap_p, record_p, *field_p);
+                break;
+            case PBTOOLS_KIND_MESSAGE:
+                rc = decode_sub_message(r, heap_p, record_p, *field_p);
+                break;
+            case PBTOOLS_KIND_REPEATED:
+                // Each item takes at least two bytes of a body under 2 GiB: the count cannot overflow.
+                (*member<int32_t>(record_p, *field_p))++;
+                rc = read_length(r, &length);
+                if (rc == 0) {
+                    r.pos += length;
+                    items_begin_p = items_begin_p == nullptr ? tag_p : items_begin_p;
+                    items_end_p = r.pos;
+                }
+                break;
+            }
+        }
+        if (rc != 0) {
+            return rc;
+        }
     }
+    if (items_begin_p == nullptr) {
+        return 0;
+    }
+    if (int rc = alloc_item_arrays(heap_p, record_p, desc); rc != 0) {
+        return rc;
+    }
+    return decode_items({items_begin_p, items_end_p}, heap_p, record_p, desc);
 }
 
 } // namespace
@@ -660,16 +686,24 @@ void *pbtools_message_new(void *workspace_p, size_t size, const pbtools_message_
 int pbtools_message_encode(const void *record_p, uint8_t *buf_p, size_t size,
                            const pbtools_message_desc *desc_p)
 {
-    pbtools_encoder_t encoder;
-    pbtools_encoder_init(&encoder, buf_p, size);
-    encode_record(&encoder, record_p, *desc_p);
-    return pbtools_encoder_get_result(&encoder);
+    if (size > k_length_limit) {
+        size = k_length_limit;
+    }
+    pbtools_writer_t w = {buf_p, buf_p + size};
+    if (!encode_record(w, record_p, *desc_p)) {
+        return -PBTOOLS_ENCODE_BUFFER_FULL;
+    }
+    return static_cast<int>(w.pos - buf_p);
 }
 
 int pbtools_message_decode(void *record_p, const uint8_t *data_p, size_t size,
                            const pbtools_message_desc *desc_p)
 {
     pbtools_heap_t *heap_p = *static_cast<pbtools_heap_t **>(record_p);
+    // The record pbtools_message_new placed first in its workspace owns everything after it.
+    if (static_cast<char *>(record_p) == heap_p->buf_p + sizeof(pbtools_heap_t)) {
+        heap_p->pos = static_cast<int32_t>(sizeof(pbtools_heap_t) + desc_p->record_size);
+    }
     record_init(record_p, heap_p, *desc_p);
     if (size >= k_length_limit) {
         return -PBTOOLS_LENGTH_DELIMITED_OVERFLOW;
@@ -677,9 +711,8 @@ int pbtools_message_decode(void *record_p, const uint8_t *data_p, size_t size,
     if (data_p == nullptr && size > 0) {
         return -PBTOOLS_OUT_OF_DATA;
     }
-    decoder_t decoder = {data_p, size, 0, heap_p, 0};
-    decode_record(&decoder, record_p, *desc_p);
-    return decoder.error != 0 ? decoder.error : static_cast<int>(size);
+    int rc = decode_record(data_p, data_p + size, heap_p, record_p, *desc_p);
+    return rc != 0 ? rc : static_cast<int>(size);
 }
 
 int pbtools_message_repeated_alloc(void *record_p, const pbtools_message_desc *desc_p, size_t offset,

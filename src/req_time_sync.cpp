@@ -2,8 +2,6 @@
 // declared in req_time_sync.h.
 #include "req_time_sync.h"
 
-#include <iterator>
-
 // ---- req_time_sync --------------------------------------------------------------------
 
 namespace
@@ -12,8 +10,8 @@ namespace
 constexpr pbtools_field_desc req_time_sync_fields[] = {
     PBTOOLS_FIELD(req_time_sync_t, server_time, 1, nullptr),
 };
-constexpr pbtools_message_desc req_time_sync_desc = {sizeof(req_time_sync_t), req_time_sync_fields,
-                                                     std::size(req_time_sync_fields)};
+constexpr pbtools_message_desc req_time_sync_desc =
+    pbtools_message_desc_make(sizeof(req_time_sync_t), req_time_sync_fields);
 static_assert(pbtools_desc_is_valid(req_time_sync_desc));
 
 } // namespace
@@ -25,7 +23,7 @@ req_time_sync_t *req_time_sync_new(void *workspace_p, size_t size)
 
 int req_time_sync_encode(const req_time_sync_t *self_p, uint8_t *encoded_p, size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &req_time_sync_desc);
+    return pbtools_message_encode_compiled<req_time_sync_desc>(self_p, encoded_p, size);
 }
 
 int req_time_sync_decode(req_time_sync_t *self_p, const uint8_t *encoded_p, size_t size)

@@ -13,7 +13,9 @@
 //             default), or -4 when they do not fit;
 //   M_decode  size (all consumed), or -1 bad wire type, -2 truncated, -3 workspace exhausted,
 //             -5 field number 0, -6 varint over 10 bytes, -8 length of 0x7FFFFFFF or more;
-//             the record is reset first and must not be used after a failure.
+//             the record is reset first and must not be used after a failure. A record
+//             made by M_new first gets back the workspace its earlier decodes took, so
+//             it can be decoded into again and again (their texts are overwritten).
 
 // ---- req_time_sync (out, 40006) ---------------------------------------------
 

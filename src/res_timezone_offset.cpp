@@ -2,8 +2,6 @@
 // declared in res_timezone_offset.h.
 #include "res_timezone_offset.h"
 
-#include <iterator>
-
 // ---- res_timezone_offset_message ------------------------------------------------------
 
 namespace
@@ -14,9 +12,8 @@ constexpr pbtools_field_desc res_timezone_offset_message_fields[] = {
     PBTOOLS_FIELD(res_timezone_offset_message_t, current_time, 2, nullptr),
     PBTOOLS_FIELD(res_timezone_offset_message_t, offset, 3, nullptr),
 };
-constexpr pbtools_message_desc res_timezone_offset_message_desc = {
-    sizeof(res_timezone_offset_message_t), res_timezone_offset_message_fields,
-    std::size(res_timezone_offset_message_fields)};
+constexpr pbtools_message_desc res_timezone_offset_message_desc =
+    pbtools_message_desc_make(sizeof(res_timezone_offset_message_t), res_timezone_offset_message_fields);
 static_assert(pbtools_desc_is_valid(res_timezone_offset_message_desc));
 
 } // namespace
@@ -30,7 +27,7 @@ res_timezone_offset_message_t *res_timezone_offset_message_new(void *workspace_p
 int res_timezone_offset_message_encode(const res_timezone_offset_message_t *self_p, uint8_t *encoded_p,
                                        size_t size)
 {
-    return pbtools_message_encode(self_p, encoded_p, size, &res_timezone_offset_message_desc);
+    return pbtools_message_encode_compiled<res_timezone_offset_message_desc>(self_p, encoded_p, size);
 }
 
 int res_timezone_offset_message_decode(res_timezone_offset_message_t *self_p, const uint8_t *encoded_p,

@@ -54,6 +54,34 @@ TEST(pbtools, NewAllocAndEncodeNeedRoom)
     EXPECT_EQ(bytes_t(buf, buf + 7), (bytes_t{0x0A, 2, 'e', '1', 0x50, 0xE8, 0x07}));
 }
 
+// The primitive writers put fields in call order at the buffer start; the _always writers
+// keep defaults, the plain ones drop them; a buffer one byte short fails with -4.
+TEST(pbtools, EncoderPrimitivesWriteInCallOrder)
+{
+    const pbtools_bytes_t bytes = {const_cast<uint8_t *>(reinterpret_cast<const uint8_t *>("xyz")), 3};
+    const pbtools_bytes_t no_bytes = {nullptr, 0};
+    auto write_all = [&](uint8_t *buf, size_t size) {
+        pbtools_encoder_t enc;
+        pbtools_encoder_init(&enc, buf, size);
+        pbtools_encoder_write_int32(&enc, 1, -1);
+        pbtools_encoder_write_uint32(&enc, 2, 0);
+        pbtools_encoder_write_uint32_always(&enc, 3, 0);
+        pbtools_encoder_write_string(&enc, 4, "");
+        pbtools_encoder_write_string_always(&enc, 5, nullptr);
+        pbtools_encoder_write_bytes(&enc, 6, &no_bytes);
+        pbtools_encoder_write_bytes(&enc, 2000, &bytes);
+        pbtools_encoder_write_int64_always(&enc, 7, 0);
+        pbtools_encoder_write_uint64(&enc, 8, 300);
+        return pbtools_encoder_get_result(&enc);
+    };
+    const bytes_t expected = {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x18, 0,
+                              0x2A, 0,    0x82, 0x7D, 3,    'x',  'y',  'z',  0x38, 0,    0x40, 0xAC, 0x02};
+    bytes_t buf(expected.size());
+    ASSERT_EQ(write_all(buf.data(), buf.size()), static_cast<int>(expected.size()));
+    EXPECT_EQ(buf, expected);
+    EXPECT_EQ(write_all(buf.data(), buf.size() - 1), -PBTOOLS_ENCODE_BUFFER_FULL);
+}
+
 // Decodes into a record of a workspace of ws_size bytes.
 int decode_command(const bytes_t &data, req_command_message_t **m_pp = nullptr, size_t ws_size = 65536)
 {
@@ -186,6 +214,34 @@ TEST(pbtools, WorkspaceTooSmall)
               static_cast<int>(data.size()));
     EXPECT_EQ(strlen(m->install_path), 9215u);
     EXPECT_EQ(decode_command(data, &m, 16 + sizeof(req_command_message_t) + 9215), -PBTOOLS_OUT_OF_MEMORY);
+}
+
+// A record made by M_new takes any number of decodes in turn: each gives back the heap of the
+// one before. A sub-record decoded on its own takes fresh heap and leaves its parent intact.
+TEST(pbtools, DecodingAgainReusesTheWorkspace)
+{
+    bytes_t text(1000, 't');
+    bytes_t data =
+        k_command + bytes_t{0x3A, 0xE8, 0x07} + text + bytes_t{0x62, 9, 0x0A, 2, 'f', 'n', 0x1A, 3, 1, 2, 3};
+    workspace ws(4096);
+    req_command_message_t *m = ws.fresh(command_codec);
+    ASSERT_NE(m, nullptr);
+    for (int round = 0; round < 20; round++) {
+        ASSERT_EQ(req_command_message_decode(m, data.data(), data.size()), static_cast<int>(data.size()))
+            << round;
+        EXPECT_STREQ(m->execution_id, "ab");
+        EXPECT_EQ(strlen(m->install_path), text.size());
+        ASSERT_EQ(m->target_agent_infos.length, 1);
+        EXPECT_STREQ(m->target_agent_infos.items_p[0].value, "v");
+        ASSERT_NE(m->target_file_info, nullptr);
+        EXPECT_STREQ(m->target_file_info->file_name, "fn");
+    }
+    const bytes_t file = {0x0A, 3, 'n', 'e', 'w', 0x10, 7};
+    ASSERT_EQ(file_info_decode(m->target_file_info, file.data(), file.size()), static_cast<int>(file.size()));
+    EXPECT_STREQ(m->target_file_info->file_name, "new");
+    EXPECT_EQ(m->target_file_info->file_size, 7u);
+    EXPECT_EQ(strlen(m->install_path), text.size());
+    EXPECT_STREQ(m->target_agent_infos.items_p[0].key, "k");
 }
 
 } // namespace
