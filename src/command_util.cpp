@@ -484,8 +484,13 @@ FILE *create_patch_file(const patch_item_t *item)
     if (fd < 0)
         return nullptr;
     FILE *file = fdopen(fd, "wb");
-    if (file == nullptr)
+    if (file == nullptr) {
         close(fd);
+        return nullptr;
+    }
+    // Chunks come as whole blocks of up to 64 KiB, one fwrite each: a stream buffer would
+    // only copy the first 4 KiB of every chunk aside and split its write in two.
+    setvbuf(file, nullptr, _IONBF, 0);
     return file;
 }
 
