@@ -383,75 +383,6 @@ const pbtools_field_desc *find_field(const pbtools_message_desc &desc, size_t of
     return nullptr;
 }
 
-// ---- encoding ----
-// Forwards, field by field, with the primitives of the compiled encoder.
-
-bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc);
-
-// A sub-record is always written with tag and length, even when it encodes to nothing.
-bool encode_nested(pbtools_writer_t &w, const pbtools_field_desc &field, const void *record_p)
-{
-    uint8_t *length_p;
-    return pbtools_put_nested_open(w, field, &length_p) && encode_record(w, record_p, *field.sub_p) &&
-           pbtools_put_nested_close(w, length_p);
-}
-
-bool encode_field(pbtools_writer_t &w, const void *record_p, const pbtools_field_desc &field)
-{
-    switch (field.kind) {
-    case PBTOOLS_KIND_INT32: {
-        int32_t value = *member<int32_t>(record_p, field);
-        // Negative values are sign-extended to ten bytes, as every protobuf reader expects.
-        return value == 0 ||
-               pbtools_put_varint_field(w, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
-    }
-    case PBTOOLS_KIND_UINT32: {
-        uint32_t value = *member<uint32_t>(record_p, field);
-        return value == 0 || pbtools_put_varint_field(w, field, value);
-    }
-    case PBTOOLS_KIND_INT64:
-    case PBTOOLS_KIND_UINT64: {
-        uint64_t value = *member<uint64_t>(record_p, field);
-        return value == 0 || pbtools_put_varint_field(w, field, value);
-    }
-    case PBTOOLS_KIND_STRING: {
-        const char *text_p = *member<const char *>(record_p, field);
-        return text_p == nullptr || text_p[0] == '\0' ||
-               pbtools_put_length_delimited_field(w, field, text_p, strlen(text_p));
-    }
-    case PBTOOLS_KIND_BYTES: {
-        const pbtools_bytes_t *value_p = member<pbtools_bytes_t>(record_p, field);
-        return value_p->buf_p == nullptr || value_p->size == 0 ||
-               pbtools_put_length_delimited_field(w, field, value_p->buf_p, value_p->size);
-    }
-    case PBTOOLS_KIND_MESSAGE: {
-        const void *sub_p = load_pointer(record_p, field.offset);
-        return sub_p == nullptr || encode_nested(w, field, sub_p);
-    }
-    case PBTOOLS_KIND_REPEATED: {
-        const char *items_p = static_cast<const char *>(load_pointer(record_p, items_offset(field)));
-        int32_t count = items_p == nullptr ? 0 : *member<int32_t>(record_p, field);
-        for (int32_t i = 0; i < count; i++) {
-            if (!encode_nested(w, field, items_p + static_cast<size_t>(i) * field.item_size)) {
-                return false;
-            }
-        }
-        return true;
-    }
-    }
-    return true;
-}
-
-bool encode_record(pbtools_writer_t &w, const void *record_p, const pbtools_message_desc &desc)
-{
-    for (uint32_t i = 0; i < desc.field_count; i++) {
-        if (!encode_field(w, record_p, desc.fields_p[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // ---- decoding ----
 // One pass over the body stores every singular field as it comes; items of repeated fields
 // are only counted and skipped. When there were any, one exactly sized array per repeated
@@ -681,19 +612,6 @@ void *pbtools_message_new(void *workspace_p, size_t size, const pbtools_message_
 {
     pbtools_heap_t *heap_p = pbtools_heap_new(workspace_p, size);
     return heap_p == nullptr ? nullptr : records_new(heap_p, *desc_p, 1);
-}
-
-int pbtools_message_encode(const void *record_p, uint8_t *buf_p, size_t size,
-                           const pbtools_message_desc *desc_p)
-{
-    if (size > k_length_limit) {
-        size = k_length_limit;
-    }
-    pbtools_writer_t w = {buf_p, buf_p + size};
-    if (!encode_record(w, record_p, *desc_p)) {
-        return -PBTOOLS_ENCODE_BUFFER_FULL;
-    }
-    return static_cast<int>(w.pos - buf_p);
 }
 
 int pbtools_message_decode(void *record_p, const uint8_t *data_p, size_t size,

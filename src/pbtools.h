@@ -263,11 +263,6 @@ static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
 // bytes or too small for the record.
 [[nodiscard]] void *pbtools_message_new(void *workspace_p, size_t size, const pbtools_message_desc *desc_p);
 
-// Encodes the record into buf_p, defaults omitted, items of repeated fields always written.
-// Returns the number of bytes at the start of buf_p, or -4 when it does not fit.
-[[nodiscard]] int pbtools_message_encode(const void *record_p, uint8_t *buf_p, size_t size,
-                                         const pbtools_message_desc *desc_p);
-
 // Resets the record to its defaults and decodes data into it, allocating from its heap.
 // A record made by pbtools_message_new (the one at the start of its workspace) first gets
 // back all of its heap beyond itself, so one record can take any number of decodes in turn;
@@ -290,8 +285,8 @@ static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
                                             size_t offset);
 
 // ---- compiled encoder (called by the message units) ------------------------------------------
-// The encoding of pbtools_message_encode with the table walked at compile time: each message
-// unit gets straight-line code for its records, the offsets and tags of its tables built in.
+// Encoding with the table walked at compile time: each message unit gets straight-line code
+// for its records, the offsets and tags of its tables built in.
 
 // The free part of an output buffer, [pos, end). Every write checks the room first and
 // returns false when its bytes do not fit; the encoding is abandoned then.
@@ -475,8 +470,8 @@ template <const pbtools_message_desc &D> bool pbtools_encode_record(pbtools_writ
     return pbtools_encode_fields<D>(w, record_p, std::make_integer_sequence<uint32_t, D.field_count>{});
 }
 
-// Encodes a record of table D into buf_p: the same bytes and results as
-// pbtools_message_encode (the number of bytes at the start of buf_p, or -4).
+// Encodes a record of table D into buf_p, defaults omitted, items of repeated fields always
+// written. Returns the number of bytes at the start of buf_p, or -4 when it does not fit.
 template <const pbtools_message_desc &D>
 [[nodiscard]] int pbtools_message_encode_compiled(const void *record_p, uint8_t *buf_p, size_t size)
 {
