@@ -64,6 +64,11 @@ req_command_message_t *req_command_message_new(void *workspace_p, size_t size)
         pbtools_message_new(workspace_p, size, &req_command_message_desc));
 }
 
+size_t req_command_message_workspace_size(size_t size)
+{
+    return pbtools_decode_workspace_size(&req_command_message_desc, size);
+}
+
 int req_command_message_encode(const req_command_message_t *self_p, uint8_t *encoded_p, size_t size)
 {
     return pbtools_message_encode_compiled<req_command_message_desc>(self_p, encoded_p, size);

@@ -50,6 +50,8 @@ struct req_command_message_t {
 };
 
 [[nodiscard]] req_command_message_t *req_command_message_new(void *workspace_p, size_t size);
+// Workspace in which any request body of `size` bytes decodes, however many options it holds.
+[[nodiscard]] size_t req_command_message_workspace_size(size_t size);
 [[nodiscard]] int req_command_message_encode(const req_command_message_t *self_p, uint8_t *encoded_p,
                                              size_t size);
 [[nodiscard]] int req_command_message_decode(req_command_message_t *self_p, const uint8_t *encoded_p,

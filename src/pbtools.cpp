@@ -3,6 +3,7 @@
 // from the caller's workspace, so a decode is bounded by that area and freed in one step.
 #include "pbtools.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -607,6 +608,35 @@ int decode_record(const uint8_t *data_p, const uint8_t *end_p, pbtools_heap_t *h
 }
 
 } // namespace
+
+namespace
+{
+
+// The largest record a message can hold below itself (sub-messages and items, any depth).
+uint32_t largest_nested_record(const pbtools_message_desc &desc, int depth)
+{
+    uint32_t largest = 0;
+    for (uint32_t i = 0; i < desc.field_count && depth > 0; i++) {
+        const pbtools_field_desc &field = desc.fields_p[i];
+        if (field.kind == PBTOOLS_KIND_MESSAGE || field.kind == PBTOOLS_KIND_REPEATED) {
+            largest = std::max({largest, field.item_size, largest_nested_record(*field.sub_p, depth - 1)});
+        }
+    }
+    return largest;
+}
+
+} // namespace
+
+size_t pbtools_decode_workspace_size(const pbtools_message_desc *desc_p, size_t size)
+{
+    // Every allocation of a decode follows a tag and a length of its own (two bytes at least):
+    // a nested record (an item array counts as one record per item) or a text of at most one
+    // byte more than its content, which took its two bytes as well.
+    constexpr int k_nesting_limit = 16;
+    const size_t per_two_bytes =
+        std::max<size_t>(largest_nested_record(*desc_p, k_nesting_limit) + k_record_alignment - 1, 2);
+    return sizeof(pbtools_heap_t) + k_record_alignment - 1 + desc_p->record_size + (size / 2 + 1) * per_two_bytes;
+}
 
 void *pbtools_message_new(void *workspace_p, size_t size, const pbtools_message_desc *desc_p)
 {

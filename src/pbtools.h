@@ -273,6 +273,12 @@ static_assert(pbtools_desc_is_valid(pbtools_map_entry_desc));
 [[nodiscard]] int pbtools_message_decode(void *record_p, const uint8_t *data_p, size_t size,
                                          const pbtools_message_desc *desc_p);
 
+// Workspace in which any body of `size` bytes of the message decodes, so that a decoder sized
+// from the request never fails for want of room: the heap record, the message's record, and
+// for every two bytes of body one nested record (the largest the message can hold, aligned).
+// Cannot fail.
+[[nodiscard]] size_t pbtools_decode_workspace_size(const pbtools_message_desc *desc_p, size_t size);
+
 // Allocates `length` default items for the repeated field at `offset` and points the field
 // at them (0 items leaves it empty). Returns 0, or -3 when the heap is exhausted or length
 // is negative; the field is unchanged then.

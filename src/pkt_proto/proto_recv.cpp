@@ -89,19 +89,23 @@ int process_res_timesync(const uint8_t *body, int length)
 namespace
 {
 
-// Extra workspace beyond the body: records of the message and its items.
-constexpr int k_decode_extra = 4096;
+// Extra workspace beyond a chunk's body: its records (the data is the body's bulk).
+constexpr size_t k_decode_extra = 4096;
 
 struct free_deleter {
     void operator()(void *p) const { free(p); }
 };
 
-// A decoding workspace of body_len + 4096 bytes, or null. Not zeroed: the message's _new
-// initialises its record and heap, and the decoder writes every block it hands out.
-std::unique_ptr<uint8_t, free_deleter> decode_workspace(int body_len, size_t *size)
+// A decoding workspace of `size` bytes, or null. Not zeroed: the message's _new initialises
+// its record and heap, and the decoder writes every block it hands out.
+std::unique_ptr<uint8_t, free_deleter> decode_workspace(size_t size)
 {
-    *size = static_cast<size_t>(body_len < 0 ? 0 : body_len) + k_decode_extra;
-    return std::unique_ptr<uint8_t, free_deleter>(static_cast<uint8_t *>(malloc(*size)));
+    return std::unique_ptr<uint8_t, free_deleter>(static_cast<uint8_t *>(malloc(size)));
+}
+
+size_t body_size(int body_len)
+{
+    return static_cast<size_t>(body_len < 0 ? 0 : body_len);
 }
 
 } // namespace
@@ -110,8 +114,10 @@ int process_req_command(const uint8_t *body, int body_len)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     VKLOG_DEBUG(g_vklog.load(), "[process_req_command] body_len[%d]\n", body_len);
-    size_t size = 0;
-    auto workspace = decode_workspace(body_len, &size);
+    // Sized from the request: a command with many options decodes whole (the record keeps
+    // the first ten).
+    const size_t size = req_command_message_workspace_size(body_size(body_len));
+    auto workspace = decode_workspace(size);
     if (!workspace) {
         VKLOG_ERROR(g_vklog.load(), "[process_req_command] buf calloc failed. (buffer size: %d)\n", static_cast<int>(size));
         return -1;
@@ -152,8 +158,8 @@ int save_file_chunk(const uint8_t *body, int body_len)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     VKLOG_DEBUG(g_vklog.load(), "[save_file_chunk] body_len[%d]\n", body_len);
-    size_t size = 0;
-    auto workspace = decode_workspace(body_len, &size);
+    const size_t size = body_size(body_len) + k_decode_extra;
+    auto workspace = decode_workspace(size);
     if (!workspace) {
         VKLOG_ERROR(g_vklog.load(), "[save_file_chunk] buf calloc failed. (buffer size: %d)\n", static_cast<int>(size));
         return -1;
