@@ -2,8 +2,13 @@
 // fill them (set_command, patch_command, del_command, write_file_from_chunk).
 #include "command_handler.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +40,60 @@ int init_chunk_hash()
     std::lock_guard<vklock_t> guard(g_hash_lock);
     map_destroy(&g_patch_list_map);
     return map_init(&g_patch_list_map, PATCH_MAP_BUCKETS, static_cast<int>(sizeof(patch_item_t)));
+}
+
+void patch_part_path(const patch_item_t *item, char (&out)[PATCH_PART_PATH_SIZE])
+{
+    snprintf(out, sizeof(out), "%.*s%s", static_cast<int>(strnlen(item->file_path, sizeof(item->file_path) - 1)),
+             item->file_path, PATCH_PART_SUFFIX);
+}
+
+int remove_partial_patch_files()
+{
+    char path[VK_PATH_SIZE + 8];
+    const size_t home_len = strnlen(g_vk_manager_home, sizeof(g_vk_manager_home) - 1);
+    if (home_len + sizeof("/tmp") > sizeof(path))
+        return -1;
+    memcpy(path, g_vk_manager_home, home_len);
+    memcpy(path + home_len, "/tmp", sizeof("/tmp"));
+    int dir = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dir < 0)
+        return -1;
+    const size_t suffix_len = sizeof(PATCH_PART_SUFFIX) - 1;
+    int removed = 0;
+    alignas(8) char entries[4096];
+    for (;;) {
+        long n = syscall(SYS_getdents64, dir, entries, sizeof(entries));
+        if (n <= 0)
+            break;
+        for (long at = 0; at < n;) {
+            const auto *entry = reinterpret_cast<const dirent64 *>(entries + at);
+            at += entry->d_reclen;
+            size_t len = strlen(entry->d_name);
+            if (len <= suffix_len || memcmp(entry->d_name + len - suffix_len, PATCH_PART_SUFFIX, suffix_len) != 0)
+                continue;
+            if (unlinkat(dir, entry->d_name, 0) == 0) // a directory of that name is left alone
+                removed++;
+        }
+    }
+    close(dir);
+    return removed;
+}
+
+void patch_item_teardown(patch_item_t *item, bool remove_file)
+{
+    if (item->file != nullptr) {
+        fclose(item->file);
+        item->file = nullptr;
+    }
+    if (remove_file) {
+        char part[PATCH_PART_PATH_SIZE];
+        patch_part_path(item, part);
+        unlink(item->buffer_index == -1 ? part : item->file_path);
+    }
+    char key[PATCH_KEY_LEN];
+    memcpy(key, item->key, sizeof(key));
+    map_item_delete(&g_patch_list_map, key, PATCH_KEY_LEN);
 }
 
 int cmd_ring_push_locked(const cmd_info_t &record, const char *caller)
@@ -123,7 +182,7 @@ void log_request(const char *func, int idx, const req_command_message_t *msg, co
     char slot[24] = "";
     if (idx >= 0)
         snprintf(slot, sizeof(slot), "idx[%d]", idx);
-    const char *gap = idx >= 0 ? "" : " ";
+    const char *gap = " ";
     VKLOG_INFO(g_vklog.load(), "[%s]%s%s[proto ] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s] timeout[%d]\n",
                func, gap, slot, msg->execution_id, msg->agent_id, msg->agent_type, msg->cmd_type,
                cmd_type_name(msg->cmd_type), static_cast<int>(msg->timeout));
@@ -153,6 +212,29 @@ bool patch_file_name_allowed(const char *name)
     return true;
 }
 
+// Names the agent itself writes in tmp: the install-information files "<digits>_install_info"
+// and the ".part" files of transfers in progress. A patch of such a name would be overwritten
+// by the agent, or removed as an unfinished transfer.
+bool patch_file_name_reserved(std::string_view name)
+{
+    constexpr std::string_view info = "_install_info", part = PATCH_PART_SUFFIX;
+    if (name.ends_with(part))
+        return true;
+    if (!name.ends_with(info) || name.size() == info.size())
+        return false;
+    name.remove_suffix(info.size());
+    return name.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// True when the home's tmp is a directory itself, not a link to one elsewhere.
+bool tmp_dir_is_real()
+{
+    char path[VK_PATH_SIZE + 8];
+    snprintf(path, sizeof(path), "%s/tmp", g_vk_manager_home);
+    struct stat st {};
+    return lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 // The transfer (other than skip) that writes file_path, if any. Caller holds g_hash_lock.
 bool patch_file_in_use(const char *file_path)
 {
@@ -178,18 +260,17 @@ template <typename... Args> void refuse_patch(const req_command_message_t *msg, 
     report(ack, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, format, args...);
 }
 
-// Ends a transfer: closes its file and removes the item (freeing it). When the partly
-// written file belongs to no queued command it is removed as well. Caller holds g_hash_lock.
-void end_transfer(patch_item_t *item, bool remove_file)
+// Gives the completed ".part" file its name; a file or link of that name is replaced.
+// False (logged) when the rename fails.
+bool finish_part_file(const patch_item_t *item)
 {
-    if (item->file != nullptr) {
-        fclose(item->file);
-        item->file = nullptr;
-    }
-    if (remove_file)
-        unlink(item->file_path);
-    patch_key_t key(item->key);
-    map_item_delete(&g_patch_list_map, key.bytes, PATCH_KEY_LEN);
+    char part[PATCH_PART_PATH_SIZE];
+    patch_part_path(item, part);
+    if (rename(part, item->file_path) == 0)
+        return true;
+    VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] rename %s to %s failed. errno[%d]\n", part, item->file_path,
+                errno);
+    return false;
 }
 
 } // namespace
@@ -235,6 +316,18 @@ int patch_command(const req_command_message_t *msg)
         refuse_patch(msg, "[agent manager] patch file name is not allowed (%s)", file->file_name);
         return 0;
     }
+    if (patch_file_name_reserved(file->file_name)) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] file name reserved by the agent. agent_id(%s) file_name[%s]\n",
+                    msg->agent_id, file->file_name);
+        refuse_patch(msg, "[agent manager] patch file name is reserved by the agent (%s)", file->file_name);
+        return 0;
+    }
+    if (!tmp_dir_is_real()) {
+        VKLOG_ERROR(g_vklog.load(), "[patch_command] %s/tmp is not a directory of the home (missing or a link). agent_id(%s)\n",
+                    g_vk_manager_home, msg->agent_id);
+        refuse_patch(msg, "[agent manager] tmp directory of the manager home is not usable (%s/tmp)", g_vk_manager_home);
+        return 0;
+    }
     item_ptr item(static_cast<patch_item_t *>(calloc(1, sizeof(patch_item_t))));
     if (!item) {
         VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
@@ -258,19 +351,20 @@ int patch_command(const req_command_message_t *msg)
     fill_record(record, msg);
     const int count = msg->target_agent_infos.length;
     record.option_count = count < CMD_OPTION_COUNT ? count : CMD_OPTION_COUNT;
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < record.option_count; i++) {
         const pbtools_map_entry_t &pair = msg->target_agent_infos.items_p[i];
-        VKLOG_INFO(g_vklog.load(), "[patch_command] [proto ] [%d] key[%s] value[%s]\n", i, pair.key, pair.value);
-        if (i < CMD_OPTION_COUNT) {
-            vk_strlcpy(record.options[i].key, pair.key);
-            vk_strlcpy(record.options[i].value, pair.value);
-        }
+        vk_strlcpy(record.options[i].key, pair.key);
+        vk_strlcpy(record.options[i].value, pair.value);
     }
     vk_strlcpy(record.file_name, file->file_name);
     item->buffer_index = -1;
     item->file = nullptr;
     item->file_size = static_cast<int64_t>(file->file_size);
     log_request("patch_command", -1, msg, record);
+    for (int i = 0; i < count; i++) {
+        const pbtools_map_entry_t &pair = msg->target_agent_infos.items_p[i];
+        VKLOG_INFO(g_vklog.load(), "[patch_command] [proto ] [%d] key[%s] value[%s]\n", i, pair.key, pair.value);
+    }
     VKLOG_INFO(g_vklog.load(), "[patch_command] file_name[%s] file_size[%d] size[%d]\n", record.file_name,
                static_cast<int>(file->file_size), static_cast<int>(item->file_size));
     report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Chunk file install Start (%s)",
@@ -355,7 +449,7 @@ int del_command(const req_command_message_t *msg)
                cmd_type_name(ack->cmd_type), static_cast<unsigned long long>(item->last_chunk_index));
         remove_file = true;
     }
-    end_transfer(item, remove_file);
+    patch_item_teardown(item, remove_file);
     return 0;
 }
 
@@ -384,16 +478,25 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
         return 0;
     }
     if (item->buffer_index != -1) {
-        // The file is complete and its command queued: a late chunk must not touch it.
-        VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] transfer already complete. agent_id[%s] chunk[%llu/%llu] dropped\n",
+        // The file is complete and its command queued: a repeated or extra chunk must not
+        // touch either (chunk 1 again would truncate the file), but the DG hears why.
+        VKLOG_ERROR(g_vklog.load(), "[write_file_from_chunk] transfer already complete. agent_id[%s] chunk[%llu/%llu] refused\n",
                     record.agent_id, static_cast<unsigned long long>(chunk->chunk_index),
                     static_cast<unsigned long long>(chunk->chunk_count));
+        VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] The order of the chunk index is incorrect. chunk_index[%llu] item->chunk_index[%llu]\n",
+                    static_cast<unsigned long long>(chunk->chunk_index),
+                    static_cast<unsigned long long>(item->last_chunk_index));
+        auto answer = std::make_unique<cmd_info_t>(record);
+        report(*answer, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
+               "[agent manager] chunk oreder is incoreect (Expected value %llu / received value %llu)",
+               static_cast<unsigned long long>(item->last_chunk_index + 1),
+               static_cast<unsigned long long>(chunk->chunk_index));
         return 0;
     }
     if (check_chunk_validity(chunk, item, &record) != 0 || item->file == nullptr) {
         record.result = CMD_RESULT_FAIL;
         send_res_command(&record, CMD_PHASE_IN_PROGRESS);
-        end_transfer(item, true);
+        patch_item_teardown(item, true);
         return 0;
     }
     size_t written = chunk->chunk_size > 0 ? fwrite(chunk->chunk_data.buf_p, 1, chunk->chunk_size, item->file) : 0;
@@ -408,7 +511,11 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
         FILE *file = item->file;
         item->file = nullptr;
         bool closed = fclose(file) == 0;
-        if (!closed || item->bytes_received != static_cast<uint64_t>(item->file_size)) {
+        bool whole = closed && item->bytes_received == static_cast<uint64_t>(item->file_size);
+        if (whole && !finish_part_file(item)) {
+            whole = false;
+        }
+        if (!whole) {
             const long long announced = chunk->target_file_info != nullptr
                                             ? static_cast<long long>(chunk->target_file_info->file_size)
                                             : 0;
@@ -418,7 +525,7 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
                         record.file_name, static_cast<int>(item->bytes_received), static_cast<int>(item->file_size));
             report(record, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, "[agent manager] file(%s) write size failed",
                    item->file_path);
-            end_transfer(item, true);
+            patch_item_teardown(item, true);
             return 0;
         }
         report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] file(%s) write success",

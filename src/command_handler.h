@@ -139,6 +139,26 @@ extern vklock_t g_hash_lock;
 // before any thread starts. Returns 0, or the negative map_init result.
 int init_chunk_hash();
 
+// A transfer writes "<file_path>.part" and renames it to file_path when the last chunk has
+// arrived whole, so a transfer cut short by a stop or a crash leaves only a ".part" file,
+// which remove_partial_patch_files finds. The suffix is refused in patch file names.
+inline constexpr char PATCH_PART_SUFFIX[] = ".part";
+inline constexpr size_t PATCH_PART_PATH_SIZE = sizeof(patch_item_t::file_path) + sizeof(PATCH_PART_SUFFIX);
+
+// The file a transfer writes until its last chunk: "<file_path>.part". Cannot fail.
+void patch_part_path(const patch_item_t *item, char (&out)[PATCH_PART_PATH_SIZE]);
+
+// Removes every "*.part" file (or link of that name) directly under the manager home's tmp
+// directory: transfers that did not complete. Only async-signal-safe calls, no allocation
+// and no lock, so it may run from the exit path of any stop. Returns the number removed, or
+// -1 when tmp cannot be opened as a directory.
+int remove_partial_patch_files();
+
+// Ends a transfer or a finished patch: closes the item's file, removes the item from the map
+// (freeing it) and, with remove_file, the file it wrote (the ".part" file while transferring,
+// the patch file once queued). Caller holds g_hash_lock.
+void patch_item_teardown(patch_item_t *item, bool remove_file);
+
 // Appends a copy of record at g_cmd_info_end with status USED; the caller holds
 // g_command_lock. When the ring already holds 100 records the oldest is overwritten (start
 // advances too, logged at INFO as "[<caller>] command buffer full. overwrite old command.

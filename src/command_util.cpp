@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -37,7 +38,9 @@ extern char **environ;
 //     child : own process group, stdin /dev/null, stdout+stderr = pipe, nothing else open,
 //             default signal dispositions, empty mask, execve /bin/sh sh -c <command line>
 //     parent: read the pipe (waits of at most 2 s) until EOF, time-out or stop request
-//             time-out / stop : SIGTERM to the group, 2 s grace, SIGKILL to the group
+//             time-out / stop : shell still running -> SIGTERM to the group, up to 2 s for
+//                               every member to go, SIGKILL to what is left;
+//                               shell already gone -> its leftovers hold the pipe: left alone
 //             EOF             : keyword verdict; the shell gets until the time-out to exit
 //             then always     : reap the shell
 //
@@ -209,17 +212,24 @@ pid_t start_child(char *command, int write_fd)
     return pid;
 }
 
+// True when the shell has exited (its zombie stays until reap_child), or is no child of ours.
+bool shell_exited(pid_t pid)
+{
+    siginfo_t info{};
+    int ret;
+    do
+        ret = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    while (ret < 0 && errno == EINTR);
+    return (ret == 0 && info.si_pid == pid) || ret < 0;
+}
+
 // Polls, without reaping, until the shell has exited or the monotonic deadline passes (or,
-// with a record, a stop of that command is requested). True when it has exited (or is no
-// child of ours any more). The zombie keeps its pid, so the group id cannot be taken by
-// another process before the group is killed.
+// with a record, a stop of that command is requested). True when it has exited.
 bool wait_exit_until(pid_t pid, int64_t deadline, const cmd_info_t *stoppable = nullptr)
 {
     for (;;) {
-        siginfo_t info{};
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
-        int ret = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
-        if ((ret == 0 && info.si_pid == pid) || (ret < 0 && errno != EINTR))
+        if (shell_exited(pid))
             return true;
         if (mono_msec() >= deadline || (stoppable != nullptr && command_stop_requested(stoppable)))
             return false;
@@ -227,17 +237,56 @@ bool wait_exit_until(pid_t pid, int64_t deadline, const cmd_info_t *stoppable = 
     }
 }
 
-// Ends the script's whole process group: SIGTERM, up to 2000 ms for the shell to go, then
-// SIGKILL to whatever of the group is left (ESRCH when nothing is).
+// True while a process of group pgid has not ended. Zombies do not count: the shell's waits
+// for reap_child, and the script's orphans wait for whoever adopted them, which may be slow.
+bool group_alive(pid_t pgid)
+{
+    if (kill(-pgid, 0) < 0 && errno == ESRCH)
+        return false;
+    DIR *proc = opendir("/proc");
+    if (proc == nullptr)
+        return true; // cannot tell: the grace runs out and SIGKILL follows
+    bool alive = false;
+    while (!alive) {
+        const dirent *entry = readdir(proc);
+        if (entry == nullptr)
+            break;
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
+            continue;
+        char path[sizeof("/proc//stat") + sizeof(entry->d_name)], stat[512];
+        snprintf(path, sizeof(path), "/proc/%s/stat", entry->d_name);
+        vk_unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+        ssize_t n = fd.fd >= 0 ? read(fd.fd, stat, sizeof(stat) - 1) : -1;
+        if (n <= 0)
+            continue;
+        stat[n] = '\0';
+        // "pid (comm) state ppid pgrp ...": comm may hold anything, so parse after its last ')'.
+        const char *end = strrchr(stat, ')');
+        char state = 0;
+        long ppid = 0, pgrp = 0;
+        if (end != nullptr && sscanf(end + 1, " %c %ld %ld", &state, &ppid, &pgrp) == 3)
+            alive = pgrp == pgid && state != 'Z' && state != 'X';
+    }
+    closedir(proc);
+    return alive;
+}
+
+// Ends the script's whole process group: SIGTERM to every member, then up to 2000 ms for all
+// of them to go (a script that traps TERM gets that long to clean up or roll back), then
+// SIGKILL to what is left. The shell is not reaped here, so its zombie keeps the group id
+// from being taken by another process meanwhile.
 void end_process_group(pid_t pid)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
     kill(-pid, SIGTERM);
     kill(pid, SIGTERM); // reaches the shell even if it never got its own group
-    if (!wait_exit_until(pid, mono_msec() + RUN_SCRIPT_KILL_GRACE_MS)) {
-        VKLOG_INFO(g_vklog.load(), "[run_script] SIGTERM failed, send SIGKILL\n");
-        kill(pid, SIGKILL);
-    }
+    const int64_t deadline = mono_msec() + RUN_SCRIPT_KILL_GRACE_MS;
+    while ((group_alive(pid) || !shell_exited(pid)) && mono_msec() < deadline)
+        vk_sleep(EXIT_POLL_MS);
+    if (!group_alive(pid) && shell_exited(pid))
+        return;
+    VKLOG_INFO(g_vklog.load(), "[run_script] SIGTERM failed, send SIGKILL\n");
+    kill(pid, SIGKILL);
     kill(-pid, SIGKILL);
 }
 
@@ -346,13 +395,21 @@ int judge_output(cmd_info_t *record, size_t from, size_t to)
     return 0;
 }
 
-// After the output loop. A stop or time-out ends the script's group and sets result and
-// text; when the output ended the keyword verdict is taken and the shell gets until the
-// time-out to exit. Returns the final code of the run.
+// After the output loop. A stop or time-out ends the script's group while the script itself
+// (the shell, or anything it still waits for) runs; once the shell has exited, what it left
+// running in the background (a daemon holding the pipe) is not the script and is left alone.
+// When the output ended the keyword verdict is taken and the shell gets until the time-out to
+// exit. Returns the final code of the run.
 int settle_run(cmd_info_t *record, int rc, pid_t pid, int64_t start, size_t start_len, size_t len)
 {
     if (rc == -99 || rc == -98) {
-        end_process_group(pid);
+        if (shell_exited(pid))
+            VKLOG_INFO(g_vklog.load(),
+                       "[run_script] the script has ended; the processes it left holding its output are left "
+                       "running. pid[%d] execution_id [%s]\n",
+                       pid, record->execution_id);
+        else
+            end_process_group(pid);
         record->result = rc == -99 ? CMD_RESULT_TIMEOUT : CMD_RESULT_SUCCESS;
         append_result(record,
                       rc == -99 ? "[agent manager] command timeout" : "[agent manager] command stop success");
@@ -376,11 +433,10 @@ int settle_run(cmd_info_t *record, int rc, pid_t pid, int64_t start, size_t star
 void reap_child(pid_t pid)
 {
     char err[128];
-    int status = 0;
     pid_t ret;
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
     do
-        ret = waitpid(pid, &status, 0);
+        ret = waitpid(pid, nullptr, 0);
     while (ret < 0 && errno == EINTR);
     if (ret < 0)
         VKLOG_ERROR(g_vklog.load(), "[run_script] waitpid failed. error[%s]\n",
@@ -434,6 +490,16 @@ int run_script(cmd_info_t *record, int run_type)
     VKLOG_DEBUG(g_vklog.load(), "[run_script] run_type[%d][%s] command[%s]\n", run_type,
                 run_type_name(run_type), command);
 
+    // A stop that came between two runs of the command starts nothing more.
+    if (command_stop_requested(record)) {
+        VKLOG_INFO(g_vklog.load(),
+                   "[run_script] command stop case before the run; nothing started. run_type[%d][%s] execution_id [%s]\n",
+                   run_type, run_type_name(run_type), record->execution_id);
+        record->result = CMD_RESULT_SUCCESS;
+        append_result(record, "[agent manager] command stop success");
+        return -98;
+    }
+
     char err[128];
     int fds[2];
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
@@ -476,11 +542,13 @@ int run_script(cmd_info_t *record, int run_type)
 namespace
 {
 
-// Creates the patch file of item afresh with mode 0755: never through a link planted in
+// Creates the transfer's ".part" file afresh with mode 0755: never through a link planted in
 // tmp, and writable by no one else at any moment. Returns the stream, or null.
 FILE *create_patch_file(const patch_item_t *item)
 {
-    int fd = vk_create_file_fresh(item->file_path, 0755);
+    char part[PATCH_PART_PATH_SIZE];
+    patch_part_path(item, part);
+    int fd = vk_create_file_fresh(part, 0755);
     if (fd < 0)
         return nullptr;
     FILE *file = fdopen(fd, "wb");

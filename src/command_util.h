@@ -31,5 +31,7 @@ inline constexpr int RUN_SCRIPT_KILL_GRACE_MS = 2000;
 //  -97 "vkError" printed, neither keyword, the wait failed, or no command line (unknown run
 //      type, longer than 1023 characters);
 //  -98 stopped on request (command_stop_requested);  -99 timed out.
-// The script's whole process group is ended on a stop or time-out, and the child is reaped.
+// On a stop or time-out while the script runs, its whole process group gets SIGTERM and up
+// to 2000 ms to end, then SIGKILL; processes a script that already ended left running are
+// not touched. A stop requested before the run starts nothing (-98). The child is reaped.
 int run_script(cmd_info_t *record, int run_type);

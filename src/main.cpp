@@ -280,6 +280,10 @@ int main(int argc, char **argv)
     VKLOG_INFO(g_vklog.load(), "[MAIN] HOME: %s\n", g_vk_manager_home);
     set_dg_address();
     init_chunk_hash();
+    // Transfers cut short by an earlier stop or crash left ".part" files; so may this run.
+    if (int removed = remove_partial_patch_files(); removed > 0)
+        VKLOG_INFO(g_vklog.load(), "[MAIN] removed %d unfinished patch file(s) from tmp\n", removed);
+    atexit([] { (void)remove_partial_patch_files(); });
     initsignal();
     if (nio_seq_lock_init() < 0) {
         VKLOG_ERROR(g_vklog.load(), "[MAIN] nio spinlock init failed(%d)\n", errno);

@@ -157,11 +157,7 @@ void remove_patch_item(const cmd_info_t *record, int idx)
     auto *item = static_cast<patch_item_t *>(found);
     if (item->buffer_index != idx)
         return; // a newer transfer for the agent
-    if (item->file != nullptr) {
-        fclose(item->file);
-        item->file = nullptr;
-    }
-    map_item_delete(&g_patch_list_map, key, PATCH_KEY_LEN);
+    patch_item_teardown(item, false);
 }
 
 // Advances the ring past slot idx when it is still the oldest. Caller holds g_command_lock.

@@ -53,16 +53,9 @@ int start_garbage_collect()
             continue;
         VKLOG_INFO(g_vklog.load(), "[start_garbage_collect] garbage detect agent_id [%s] taget_timeout[%d] now_time[%d]\n",
                    record.agent_id, record.timeout, static_cast<int>(elapsed));
-        if (item->file != nullptr) {
-            fclose(item->file);
-            item->file = nullptr;
-        }
-        if (item->buffer_index == -1)
-            unlink(item->file_path); // a transfer that will never complete
-        char key[PATCH_KEY_LEN];
-        memcpy(key, item->key, sizeof(key));
-        // The walk survives deleting the item it just returned.
-        map_item_delete(&g_patch_list_map, key, PATCH_KEY_LEN);
+        // A transfer that will never complete loses its file; a queued patch keeps it. The
+        // walk survives deleting the item it just returned.
+        patch_item_teardown(item, item->buffer_index == -1);
         removed++;
     }
     return removed;

@@ -143,6 +143,20 @@ TEST_F(CommandIntake, CommandsAreAcknowledgedAndQueuedInARingOfHundred)
     EXPECT_EQ(log_count("command buffer full. overwrite old command. new start_idx[1] end_idx[1]"), 1u);
 }
 
+// The decoder is sized from the request: any number of options decodes and is answered.
+TEST_F(CommandIntake, RequestsWithManyOptionsDecode)
+{
+    for (int options : {1, 10, 200, 1000}) {
+        dg::req_command_message restart = request(1, "m" + std::to_string(options));
+        for (int i = 1; i < options; i++)
+            (*restart.mutable_target_agent_infos())["key" + std::to_string(i)] = std::string(40, 'v');
+        ASSERT_EQ(restart.target_agent_infos_size(), options);
+        EXPECT_EQ(send(restart), 0) << options << " options, " << restart.ByteSizeLong() << " bytes";
+        EXPECT_EQ(describe(result()), "1 1 [agent manager] Success received the command(agent_restart)");
+    }
+    EXPECT_EQ(g_cmd_info_count.load(), 4);
+}
+
 TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
 {
     const std::string data = "#!/bin/sh\necho vkSuccess\n" + std::string(100, '#');
@@ -175,9 +189,13 @@ TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
     EXPECT_STREQ(queued.file_name, "patch.sh");
     EXPECT_EQ(queued.option_count, CMD_OPTION_COUNT) << "the first ten pairs are kept";
     EXPECT_TRUE(has_item()) << "the item stays until the command ran";
-    ASSERT_EQ(send(chunk("p1", 4, 3, "late")), 0);
-    EXPECT_TRUE(dg.results().empty());
+    for (int late : {4, 1}) {
+        ASSERT_EQ(send(chunk("p1", late, 3, "late")), 0);
+        EXPECT_EQ(describe(result()), "1 2 [agent manager] chunk oreder is incoreect (Expected value 4 / received value " +
+                                          std::to_string(late) + ")");
+    }
     EXPECT_EQ(read_file(tmp("patch.sh")), data) << "a late chunk does not touch the file";
+    EXPECT_EQ(g_cmd_info[0].status, CMD_STATUS_USED);
 }
 
 TEST_F(CommandIntake, RefusedChunksEndTheTransfer)

@@ -133,9 +133,12 @@ TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
     } const cases[] = {
         {"", "echo started; sleep 30", 300, -99, CMD_RESULT_TIMEOUT,
          "started\n[agent manager] command timeout", "[run_script] timeout case. pid[", 300},
-        // a child of the script holds the pipe: the run lasts to the time-out, and the child ends with it
-        {"", "sleep 30 & echo $! >> PIDS; echo vkSuccess", 300, -99, CMD_RESULT_TIMEOUT,
+        // the script waits for its child: the child ends with it
+        {"", "sleep 30 & echo $! >> PIDS; echo vkSuccess; wait", 300, -99, CMD_RESULT_TIMEOUT,
          "vkSuccess\n[agent manager] command timeout", "[run_script] timeout case. pid[", 300},
+        // the script traps TERM: its clean-up runs through the grace, no SIGKILL
+        {"", "trap 'sleep 1; echo cleaned; exit' TERM; echo $$ >> PIDS; sleep 30", 300, -99, CMD_RESULT_TIMEOUT,
+         "[agent manager] command timeout", "[run_script] timeout case. pid[", 1300},
         // the shell itself ignores SIGTERM: SIGKILL after the grace
         {"trap '' TERM;", "echo $$ >> PIDS; echo started; while :; do sleep 1; done", 300, -99,
          CMD_RESULT_TIMEOUT, "started\n[agent manager] command timeout",
@@ -215,7 +218,7 @@ TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)
     sigemptyset(&usr2);
     sigaddset(&usr2, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &usr2, &old_mask);
-    int rc = run(RUN_TYPE_STOP, "ls -l /proc/$$/fd; grep -E '^Sig(Ign|Blk)' /proc/$$/status; echo vkSuccess",
+    int rc = run(RUN_TYPE_STOP, "ls -l /proc/$$/fd; grep -E '^Sig(Ign|Blk)' /proc/self/status; echo vkSuccess",
                  10000);
     pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
     sigaction(SIGPIPE, &old_pipe, nullptr);

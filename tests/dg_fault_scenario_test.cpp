@@ -165,40 +165,152 @@ TEST_F(DgFault, FullDiskFailsTheTransferOnly)
     checked("a full disk fails the transfer with the size text; the next patch succeeds");
 }
 
-// The tmp directory is gone: the patch is refused, nothing else breaks.
-TEST_F(DgFault, MissingTmpDirectoryRefusesThePatch)
+// A patch is refused before anything is stopped when tmp is missing or a link out of the home,
+// or when its name is one the agent writes in tmp itself; a command with 1,000 options is
+// decoded whole and runs.
+TEST_F(DgFault, RefusedPatchesStopNothingAndManyOptionsRun)
 {
     sample_agent();
     connect();
-    ASSERT_EQ(rmdir((manager + "/tmp").c_str()), 0);
-    size_t from = sim->mark();
-    ASSERT_TRUE(sim->command("patch_start" + request_args("d1") + " file=" + patch_file("d.bin", 100)));
-    auto refused = sim->wait_for(
-        [](const sim_event &e) { return e.is("recv", 60002) && e.str("body.execution_id") == "d1" && e.num("body.result") == 2; },
-        10s, from);
-    EXPECT_TRUE(refused) << log();
-    EXPECT_TRUE(ping_answered());
-    checked("a missing tmp directory refuses the patch; the agent serves on");
+    const std::string outside = home + "/outside", tmp = manager + "/tmp";
+    ASSERT_EQ(mkdir(outside.c_str(), 0700), 0);
+    struct {
+        const char *name, *tmp_is; // tmp: "dir", "missing" or "link"
+        const char *text;
+    } const cases[] = {
+        {"d.bin", "missing", "tmp directory of the manager home is not usable"},
+        {"d.bin", "link", "tmp directory of the manager home is not usable"},
+        {"1_install_info", "dir", "patch file name is reserved by the agent (1_install_info)"},
+        {"x.part", "dir", "patch file name is reserved by the agent (x.part)"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " with tmp " + c.tmp_is);
+        rmdir(tmp.c_str());
+        unlink(tmp.c_str());
+        const std::string tmp_is = c.tmp_is;
+        ASSERT_EQ(tmp_is == "dir" ? mkdir(tmp.c_str(), 0700) : tmp_is == "link" ? symlink(outside.c_str(), tmp.c_str()) : 0, 0);
+        size_t from = sim->mark();
+        ASSERT_TRUE(sim->command("patch_start" + request_args(std::string("n-") + c.name) + " file=" +
+                                 patch_file("d.bin", 100) + " name=" + c.name));
+        auto refused = sim->wait_for(recv_of(60002), 10s, from);
+        EXPECT_TRUE(refused && refused->num("body.result") == 2 &&
+                    contains(refused->str("body.result_message"), std::string("[agent manager] ") + c.text))
+            << describe(refused);
+    }
+    EXPECT_EQ(read_file(outside + "/d.bin"), "");
+    std::string options;
+    for (int i = 0; i < 1000; i++)
+        options += " opt=KEY" + std::to_string(i) + "=" + std::string(40, 'v');
+    ASSERT_TRUE(sim->command("restart" + request_args("o1") + options));
+    auto done = result("o1", 2, 30s);
+    EXPECT_EQ(done ? done->num("body.result") : 0, 1) << describe(done) << log();
+    EXPECT_EQ(read_file(home + "/order"), "stop\nstart\n") << "the refused patches stopped nothing";
+    checked("patches refused for a missing or linked tmp and reserved names stop nothing; 1,000 options run");
 }
 
-// A stop.sh that leaves a daemon holding the output pipe, and one that ignores SIGTERM: both
-// end at their time-out (the second after the SIGKILL grace), and neither leaves a process.
-TEST_F(DgFault, ScriptsThatHoldThePipeOrIgnoreSigterm)
+// A transfer cut short by a stop leaves no partial file, and one left by a crash is removed at
+// the next start.
+TEST_F(DgFault, PartialPatchFilesGoAtStopAndStart)
 {
-    sample_agent("(sleep 301 &); echo vkSuccess");
+    sample_agent();
     connect();
-    ASSERT_TRUE(sim->command("stop" + request_args("h1", 2000)));
-    auto held = result("h1", 2, 30s);
-    EXPECT_EQ(held ? held->num("body.result") : 0, 3) << describe(held);
+    ASSERT_TRUE(sim->command("patch_start" + request_args("c1") + " file=" + patch_file("c.bin", 4000) +
+                             " chunk=1000 chunks=2"));
+    const std::string part = manager + "/tmp/c.bin.part";
+    ASSERT_TRUE(eventually([&] { return read_file(part).size() == 2000; }, 10s)) << log();
+    kill(agent, SIGTERM);
+    ASSERT_TRUE(eventually([&] { return waitpid(agent, nullptr, WNOHANG) == agent; }, 15s));
+    agent = 0;
+    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the stop";
+    write_file(part, "left by a crash");
+    start_agent();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036), 15s, sim->mark())) << log();
+    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the start";
+    checked("a partial patch file goes at a SIGTERM and at the next start");
+}
 
-    sample_agent("trap '' TERM; echo ignoring; sleep 301");
+// True while pid runs (a zombie has ended).
+bool running(pid_t pid)
+{
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return pid > 0 && paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
+
+// At a time-out the script is ended, with its grace: one that ignores SIGTERM gets SIGKILL
+// after it, one that waits for a child has the child ended with it. What a script that has
+// already ended left running in the background (a daemon holding the output pipe) is not the
+// script: the run ends TIMEOUT and the daemon lives on.
+TEST_F(DgFault, TimeOutsEndTheScriptButNotWhatItLeftRunning)
+{
+    const std::string daemon_pid = home + "/daemon.pid", child_pid = home + "/child.pid";
+    sample_agent("echo stopping; echo vkSuccess", "sleep 301 & echo $! > " + daemon_pid + "; echo vkSuccess");
+    connect();
+    ASSERT_TRUE(sim->command("restart" + request_args("d1", 1500)));
+    auto held = result("d1", 2, 30s);
+    EXPECT_EQ(held ? held->num("body.result") : 0, 3) << describe(held);
+    pid_t daemon = atoi(read_file(daemon_pid).c_str());
+    EXPECT_TRUE(running(daemon)) << "the daemon start.sh left behind survives the time-out";
+    EXPECT_EQ(log_count("[run_script] SIGTERM failed, send SIGKILL"), 0u);
+    if (daemon > 0)
+        kill(daemon, SIGKILL);
+
+    sample_agent("sleep 302 & echo $! > " + child_pid + "; wait");
+    ASSERT_TRUE(sim->command("stop" + request_args("w1", 1000)));
+    auto waited = result("w1", 2, 30s);
+    EXPECT_EQ(waited ? waited->num("body.result") : 0, 3) << describe(waited);
+    pid_t child = atoi(read_file(child_pid).c_str());
+    EXPECT_TRUE(child > 0 && eventually([&] { return !running(child); }, 5s)) << "the child the script waits for";
+
+    sample_agent("trap '' TERM; echo ignoring; sleep 303");
     ASSERT_TRUE(sim->command("stop" + request_args("i1", 1000)));
     auto ignored = result("i1", 2, 30s);
     EXPECT_EQ(ignored ? ignored->num("body.result") : 0, 3) << describe(ignored);
+    EXPECT_EQ(log_count("[run_script] SIGTERM failed, send SIGKILL"), 1u);
+    EXPECT_TRUE(eventually([] { return system("pgrep -f '[s]leep 30[23]' >/dev/null") != 0; }, 10s))
+        << "no process of a running script outlives its time-out";
     EXPECT_TRUE(ping_answered());
-    EXPECT_TRUE(eventually([] { return system("pgrep -f '[s]leep 301' >/dev/null") != 0; }, 10s))
-        << "no script process outlives its time-out";
-    checked("a daemon holding the pipe and a script ignoring SIGTERM end at the time-out; nothing survives");
+    checked("a daemon left by start.sh survives TIMEOUT; a waited-for child and a TERM-ignoring script end");
+}
+
+// A patch_stop that lands after stop.sh has finished its output and before the patch program
+// starts runs nothing more; a repeated chunk for the finished transfer is answered as out of
+// order and changes neither the file nor the queued command.
+TEST_F(DgFault, StopBetweenRunsAndAChunkAfterTheTransfer)
+{
+    // The prefix ends each run's output at once while its script still runs (stop.sh sleeps),
+    // which leaves the time between two runs wide enough for a patch_stop to land in.
+    sample_agent("sleep 4");
+    write_file(manager + "/data/agent_config.json",
+               R"({"common_option": [{"custom_prefix": "echo vkSuccess; exec >/dev/null 2>&1;"}],
+                   "sample": [{"path": ")" + run_path + R"(/agent_id", "root_check": 0}]})");
+    connect();
+    ASSERT_TRUE(sim->wait_for(recv_of(60003), 35s)) << "the prefix is loaded with the agent list";
+    std::string patch = home + "/p2.bin";
+    write_file(patch, "#!/bin/sh\necho setup >> " + home + "/order; echo vkSuccess\n");
+    ASSERT_TRUE(sim->command("patch_start" + request_args("p2") + " file=" + patch));
+    auto written = sim->wait_for(
+        [](const sim_event &e) { return e.is("recv", 60002) && contains(e.str("body.result_message"), "write success"); },
+        10s);
+    ASSERT_TRUE(written) << log();
+    size_t from = sim->mark();
+    ASSERT_TRUE(sim->command("chunk agent=" + k_agent_id + " exec=p2 index=1 count=1 name=p2.bin data=00"));
+    auto late = sim->wait_for(recv_of(60002), 5s, from);
+    EXPECT_EQ(describe(late), "2 [agent manager] chunk oreder is incoreect (Expected value 2 / received value 1)");
+    EXPECT_EQ(read_file(manager + "/tmp/p2.bin"), read_file(patch));
+
+    ASSERT_TRUE(log_has("[run_script] read end.", 1, 15s)) << log();
+    ASSERT_TRUE(sim->command("patch_stop" + request_args("p2")));
+    auto done = result("p2", 2, 20s);
+    ASSERT_TRUE(done) << log();
+    EXPECT_EQ(done->num("body.result"), 1) << done->line();
+    EXPECT_TRUE(contains(done->str("body.result_message"), "command stop success")) << done->line();
+    EXPECT_EQ(read_file(home + "/order"), "stop\n") << "no patch program, no start.sh";
+    EXPECT_EQ(log_count("[run_script] command stop case before the run"), 1u) << log();
+    EXPECT_EQ(log_count("[run_script] start command["), 1u) << "only stop.sh was started";
+    EXPECT_EQ(read_file(manager + "/tmp/p2.bin"), read_file(patch));
+    checked("a stop between stop.sh and the patch program runs nothing more; a late chunk is refused as out "
+            "of order and leaves the finished file");
 }
 
 } // namespace

@@ -172,8 +172,8 @@ TEST_F(DgScenario, RefusedIdThenTheDgGoesAwayAndComesBack)
 }
 
 // agent_restart and agent_stop from the DG: acknowledged at once, run by the command thread,
-// their whole output in the done result; a time-out and a patch_stop while running; the agent
-// list every 30 s.
+// their whole output in the done result; a time-out and a patch_stop while running, each
+// leaving the script its grace to clean up; the agent list every 30 s.
 TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
 {
     sample_agent();
@@ -194,16 +194,19 @@ TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
     ASSERT_TRUE(sim->command("stop" + request_args("s1")));
     ASSERT_TRUE(result("s1", 2)) << log();
     EXPECT_EQ(read_file(home + "/order"), "stop\nstart\nstop\n");
+    EXPECT_EQ(log_count("[set_command] idx[0][proto ] execution_id[r1] agent_id[" + k_agent_id), 1u) << log();
 
-    // A stop.sh that never ends: killed after the time-out and the grace period.
-    sample_agent("sleep 100");
-    ASSERT_TRUE(sim->command("stop" + request_args("t1", 1000)));
+    // A stop.sh that traps TERM to clean up gets the grace period for it, at its time-out and
+    // at a patch_stop alike: both lines, written a second apart, and no SIGKILL.
+    const std::string trap_file = home + "/trap";
+    sample_agent("trap 'echo cleanup >> " + trap_file + "; sleep 1; echo cleaned >> " + trap_file +
+                 "; exit 1' TERM; sleep 100");
+    ASSERT_TRUE(sim->command("stop" + request_args("t1", 1500)));
     auto timed_out = result("t1", 2, 30s);
     EXPECT_EQ(timed_out ? timed_out->num("body.result") : 0, 3) << describe(timed_out);
     EXPECT_TRUE(timed_out && contains(timed_out->str("body.result_message"), "command timeout")) << describe(timed_out);
+    EXPECT_EQ(read_file(trap_file), "cleanup\ncleaned\n");
 
-    // patch_stop of a running patch (its stop.sh still sleeps): the script group is ended
-    // and the done result says so.
     size_t from = sim->mark();
     ASSERT_TRUE(sim->command("patch_start" + request_args("p1") + " file=" + run_path + "/agent_id name=p.bin"));
     ASSERT_TRUE(eventually([&] { return read_file(home + "/order") == "stop\nstart\nstop\nstop\nstop\n"; }, 15s))
@@ -213,14 +216,19 @@ TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
     ASSERT_TRUE(stopped) << log();
     EXPECT_EQ(stopped->num("body.result"), 1) << stopped->line();
     EXPECT_TRUE(contains(stopped->str("body.result_message"), "command stop success")) << stopped->line();
+    EXPECT_EQ(read_file(trap_file), "cleanup\ncleaned\ncleanup\ncleaned\n");
+    EXPECT_EQ(log_count("[run_script] SIGTERM failed, send SIGKILL"), 0u);
+    std::string text = log();
+    EXPECT_LT(text.find("[patch_command] [struct] install_username["), text.find("[patch_command] [proto ] [0] key["))
+        << "option lines follow the request lines";
 
     auto list = sim->wait_for(recv_of(60003), 35s);
     ASSERT_TRUE(list) << log();
     EXPECT_EQ(list->num("header.protocol_stamp"), 60003);
     ASSERT_EQ(list->size("body.target_agent_infos"), 1) << list->line();
     EXPECT_EQ(list->str("body.target_agent_infos.0.agent_id"), k_agent_id);
-    checked("restart and stop acknowledged and done with their output, script order, a time-out, patch_stop "
-            "of a running patch, the 30-second agent list");
+    checked("restart and stop acknowledged and done with their output, script order, a script's TERM trap "
+            "running through its grace at a time-out and at a patch_stop, the 30-second agent list");
 }
 
 // A 100 MiB patch in 64 KiB chunks arrives byte-identical with mode 0755 and runs: stop, the
