@@ -5,7 +5,7 @@
 // that peer; the transfer is also set beside a plain send/recv/write pair (the floor); the idle
 // footprint is the agent's CPU and memory while connected and left alone.
 // Started by scripts/bench; `dg_bench --help` lists the options.
-#include "daemon_support.h"
+#include "child_process.h"
 #include "dg_bench.h"
 #include "dg_sim_support.h"
 
@@ -137,7 +137,7 @@ class child
   public:
     child(std::vector<std::string> argv, std::vector<std::string> env, const std::string &out,
           const std::string &err)
-        : m_pid(daemon_support::spawn(std::move(argv), std::move(env), out, err))
+        : m_pid(harness::spawn(std::move(argv), std::move(env), out, err))
     {
     }
     ~child()
@@ -402,7 +402,7 @@ bool make_patch_file(const std::string &path, long mib)
             x ^= x << 17;
             w = x;
         }
-        if (!write_all(fd.fd, block.data(), block.size() * 8))
+        if (dg_wire::write_all(fd.fd, {reinterpret_cast<const char *>(block.data()), block.size() * 8}) != 0)
             return false;
     }
     return true;
@@ -439,7 +439,7 @@ double floor_run(const std::string &src, const std::string &dst, uint64_t bytes)
         for (ssize_t n; conn.fd >= 0 && out.fd >= 0 && (n = recv(conn.fd, buf.data(), buf.size(), MSG_WAITALL)) != 0;) {
             if (n < 0 && errno == EINTR)
                 continue;
-            if (n < 0 || !write_all(out.fd, buf.data(), static_cast<size_t>(n)))
+            if (n < 0 || dg_wire::write_all(out.fd, {buf.data(), static_cast<size_t>(n)}) != 0)
                 break;
             received += static_cast<uint64_t>(n);
         }
@@ -453,7 +453,7 @@ double floor_run(const std::string &src, const std::string &dst, uint64_t bytes)
         if (in.fd >= 0 && sock.fd >= 0 && connect(sock.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
             std::vector<char> buf(k_chunk);
             for (ssize_t n; (n = read(in.fd, buf.data(), buf.size())) > 0;)
-                if (!write_all(sock.fd, buf.data(), static_cast<size_t>(n)))
+                if (dg_wire::write_all(sock.fd, {buf.data(), static_cast<size_t>(n)}) != 0)
                     break;
         }
     } // closing the socket ends the receiver's loop

@@ -1,7 +1,7 @@
-// dg_bench's own wire side: the framing, the minimal peer that stands where the agent stands
-// (dg_bench --peer) and the minimal DG sender that stands where quil-dg-sim stands, both on
-// libprotobuf and plain sockets. Used by dg_bench.cpp only. A dg_feeder may be used from two
-// threads: its reader thread and the one thread that drives it.
+// dg_bench's own wire side: the minimal peer that stands where the agent stands (dg_bench
+// --peer) and the minimal DG sender that stands where quil-dg-sim stands, both on libprotobuf,
+// the DG side's framing (dg_wire.h) and plain sockets. Used by dg_bench.cpp only. A dg_feeder
+// may be used from two threads: its reader thread and the one thread that drives it.
 #pragma once
 
 #include <atomic>
@@ -17,15 +17,10 @@
 
 #include <unistd.h>
 
+#include "dg_wire.h"
+
 namespace dg_bench
 {
-
-// ---- plain I/O ------------------------------------------------------------------------------
-
-// Writes all of data (send with MSG_NOSIGNAL on a socket, write otherwise). False on an error.
-bool write_all(int fd, const void *data, size_t n);
-// Reads exactly n bytes. False on end of stream or an error before that.
-bool read_full(int fd, void *data, size_t n);
 
 // Owns one descriptor.
 struct fd_guard {
@@ -41,22 +36,6 @@ struct fd_guard {
         fd = f;
     }
 };
-
-// ---- framing --------------------------------------------------------------------------------
-//
-//   0        3    4      5          8            12      14          18   19            23
-//   | F9F2F8 | ver | ptype | 00 00 00 | length BE | type | packet_id | bk | stamp BE | body
-//   length = 11 + body length
-constexpr size_t k_header_size = 23;
-constexpr uint32_t k_max_length = 16u << 20;
-
-// The 23-byte header of a packet of `type` with a body of body_size bytes (version 2,
-// packet_type 4, packet_id 0, the usual stamp). Cannot fail.
-std::string frame_header(uint16_t type, uint8_t body_kind, size_t body_size);
-
-// Reads one packet. True with *type and *body filled; false at the end of the stream, on an
-// error or on a bad magic or length (the stream is then unusable).
-bool read_frame(int fd, uint16_t *type, std::string *body);
 
 // ---- the minimal peer -----------------------------------------------------------------------
 

@@ -1,7 +1,7 @@
-// dg_bench's wire side: framing, the minimal peer (dg_bench --peer) and the minimal DG sender.
-// Both use libprotobuf for the message bodies and plain blocking sockets, and do nothing the
-// exchange does not need, so they mark what the loopback, the file system and the encoding
-// alone cost.
+// dg_bench's wire side: the minimal peer (dg_bench --peer) and the minimal DG sender. Both use
+// libprotobuf for the message bodies, dg_wire for the framing and plain blocking sockets, and
+// do nothing the exchange does not need, so they mark what the loopback, the file system and
+// the encoding alone cost.
 #include "dg_bench.h"
 
 #include "dg_protocol.pb.h"
@@ -20,26 +20,12 @@
 namespace dg_bench
 {
 
+using namespace dg_wire;
+
 namespace
 {
 
 const char k_manager_id[] = "3f2c1a9e-0b7d-4c55-9a61-5d2e8f0c1b47";
-constexpr uint32_t k_protocol_stamp = 19121701;
-constexpr uint32_t k_protocol_version = 20241111;
-
-void put_be(unsigned char *p, uint64_t value, int width)
-{
-    for (int i = 0; i < width; i++)
-        p[i] = static_cast<unsigned char>(value >> (8 * (width - 1 - i)));
-}
-
-uint32_t get_be(const unsigned char *p, int width)
-{
-    uint32_t value = 0;
-    for (int i = 0; i < width; i++)
-        value = (value << 8) | p[i];
-    return value;
-}
 
 void put_varint(std::string *out, uint64_t value)
 {
@@ -79,61 +65,6 @@ bool writev_all(int fd, iovec *iov, int count)
 
 } // namespace
 
-bool write_all(int fd, const void *data, size_t n)
-{
-    const char *p = static_cast<const char *>(data);
-    while (n > 0) {
-        ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-        if (w < 0 && errno == ENOTSOCK)
-            w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
-bool read_full(int fd, void *data, size_t n)
-{
-    char *p = static_cast<char *>(data);
-    while (n > 0) {
-        ssize_t r = read(fd, p, n);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
-}
-
-std::string frame_header(uint16_t type, uint8_t body_kind, size_t body_size)
-{
-    unsigned char h[k_header_size] = {0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0};
-    put_be(h + 8, 11 + body_size, 4);
-    put_be(h + 12, type, 2);
-    h[18] = body_kind;
-    put_be(h + 19, k_protocol_stamp, 4);
-    return std::string(reinterpret_cast<char *>(h), sizeof h);
-}
-
-bool read_frame(int fd, uint16_t *type, std::string *body)
-{
-    unsigned char h[k_header_size];
-    if (!read_full(fd, h, sizeof h))
-        return false;
-    uint32_t length = get_be(h + 8, 4);
-    if (h[0] != 0xF9 || h[1] != 0xF2 || h[2] != 0xF8 || length < 11 || length > k_max_length)
-        return false;
-    *type = static_cast<uint16_t>(get_be(h + 12, 2));
-    body->resize(length - 11);
-    return read_full(fd, body->data(), body->size());
-}
-
 // ---- the minimal peer -------------------------------------------------------------------------
 
 int run_peer(int port, const std::string &dir)
@@ -151,17 +82,18 @@ int run_peer(int port, const std::string &dir)
     dg::req_command_message request;
     dg::req_file_chunk_message chunk;
     dg::res_command_message result;
-    std::string body, path;
+    std::string body, path, error;
     fd_guard file;
-    for (uint16_t type = 0; read_frame(sock.fd, &type, &body);) {
+    for (packet_header h{}; read_packet(sock.fd, &h, &body, &error) == 1;) {
+        const uint16_t type = h.type;
         if (type == 50000) {
-            if (!write_all(sock.fd, pong.data(), pong.size()))
+            if (write_all(sock.fd, pong) != 0)
                 return 1;
         } else if (type == 60001 && request.ParseFromString(body) && request.cmd_type() == dg::patch_start) {
             path = dir + "/" + request.target_file_info().file_name();
             file.reset(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755));
         } else if (type == 60004 && chunk.ParseFromString(body) && file.fd >= 0) {
-            if (!write_all(file.fd, chunk.chunk_data().data(), chunk.chunk_data().size()))
+            if (write_all(file.fd, chunk.chunk_data()) != 0)
                 return 1;
             if (chunk.chunk_index() != chunk.chunk_count())
                 continue;
@@ -175,8 +107,7 @@ int run_peer(int port, const std::string &dir)
             result.set_result(dg::SUCCESS);
             result.set_result_message("[minimal peer] file(" + path + ") write success");
             std::string out = result.SerializeAsString();
-            std::string packet = frame_header(60002, 1, out.size()) + out;
-            if (!write_all(sock.fd, packet.data(), packet.size()))
+            if (write_all(sock.fd, frame_packet(60002, 1, out)) != 0)
                 return 1;
         }
     }
@@ -219,17 +150,18 @@ bool dg_feeder::accept_one(std::chrono::milliseconds timeout)
 
 bool dg_feeder::send_frame(uint16_t type, uint8_t body_kind, const std::string &body)
 {
-    std::string packet = frame_header(type, body_kind, body.size()) + body;
+    std::string packet = frame_packet(type, body_kind, body);
     std::lock_guard<std::mutex> guard(m_write_lock);
-    return write_all(m_conn.fd, packet.data(), packet.size());
+    return write_all(m_conn.fd, packet) == 0;
 }
 
 void dg_feeder::reader()
 {
-    std::string body;
+    std::string body, error;
     dg::req_time_sync sync;
     dg::res_command_message result;
-    for (uint16_t type = 0; read_frame(m_conn.fd, &type, &body);) {
+    for (packet_header h{}; read_packet(m_conn.fd, &h, &body, &error) == 1;) {
+        const uint16_t type = h.type;
         if (type == 10043) {
             dg::common_res_agent_info_message reply;
             reply.set_manager_id(k_manager_id);
@@ -317,7 +249,7 @@ bool dg_feeder::patch(const std::string &src, uint64_t size, size_t chunk, const
     std::string prefix;
     for (uint64_t index = 1, sent = 0; index <= count; index++) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(chunk, size - sent));
-        if (n > 0 && !read_full(in.fd, data.data(), n)) {
+        if (n > 0 && read_full(in.fd, data.data(), n) != static_cast<ssize_t>(n)) {
             *error = "short read of " + src;
             return false;
         }

@@ -1,54 +1,21 @@
 // libFuzzer target for the autoload list and the id-file reader: the input is
-// <home>/manager/data/autoload_conf of a private home. init_auto_load must store what a
-// model of its reads says (512-byte reads, each trimmed and cut at 255 characters, at most
-// 64), then every stored path goes through set_agent_id_to_list (most point nowhere), and
-// the input's first 64 bytes, written as an id file of the home, must register with the id
-// a model of the first-line read gives (at most 39 characters, cut at 36).
+// <home>/manager/data/autoload_conf of a private home. Checked after init_auto_load: at most
+// 64 paths, none only for an empty file, each terminated, at most 255 characters, without a
+// line end or surrounding white space (trimmed before the cut at 255), and found in the file
+// in order. Every stored path then
+// goes through set_agent_id_to_list (most point nowhere), and the input's first 64 bytes,
+// written as an id file of the home, must register as the start of its first line (at most 36
+// characters) or be refused only by a full registry; the registry stays distinct and bounded.
 #include "fuzz_support.h"
 #include "global_var.h"
 #include "util.h"
 
 #include <mutex>
-#include <string_view>
 
 namespace
 {
 
-constexpr size_t k_read_size = 511;   // characters of one autoload read
-constexpr size_t k_id_read_size = 39; // characters of the id-file read
 constexpr size_t k_id_file_bytes = 64;
-
-std::string_view first_read(std::string_view text, size_t limit)
-{
-    size_t newline = text.find('\n');
-    return text.substr(0, std::min(newline == std::string_view::npos ? text.size() : newline + 1, limit));
-}
-
-std::string_view cut_at_nul(std::string_view text)
-{
-    return text.substr(0, text.find('\0'));
-}
-
-std::string_view trim(std::string_view text)
-{
-    constexpr std::string_view blanks = " \t\r\n\v\f";
-    size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
-void check_autoload_list(std::string_view file)
-{
-    int count = 0;
-    for (; !file.empty() && count < MAX_AGENT_COUNT; count++) {
-        std::string_view line = first_read(file, k_read_size);
-        file.remove_prefix(line.size());
-        std::string_view path = trim(cut_at_nul(line)).substr(0, AUTO_LOAD_PATH_LEN);
-        FUZZ_CHECK(path == g_vk_auto_load_path[count]);
-    }
-    FUZZ_CHECK(g_auto_load_count == count);
-}
 
 // Records are distinct and terminated. Caller holds g_json_lock.
 void check_registry()
@@ -80,7 +47,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string_view input(reinterpret_cast<const char *>(data), size);
     fuzz_support::write_file(list_path, data, size);
     FUZZ_CHECK(init_auto_load(home.c_str()) == 0);
-    check_autoload_list(input);
+    FUZZ_CHECK(g_auto_load_count >= 0 && g_auto_load_count <= MAX_AGENT_COUNT && (g_auto_load_count == 0) == input.empty());
+    constexpr std::string_view blanks = " \t\r\n\v\f";
+    for (size_t i = 0, at = 0; i < static_cast<size_t>(g_auto_load_count); i++) {
+        FUZZ_CHECK(strnlen(g_vk_auto_load_path[i], AUTO_LOAD_PATH_SIZE) < AUTO_LOAD_PATH_SIZE);
+        const std::string_view path(g_vk_auto_load_path[i]);
+        FUZZ_CHECK(path.size() <= AUTO_LOAD_PATH_LEN && path.find('\n') == std::string_view::npos);
+        FUZZ_CHECK(path.empty() || (blanks.find(path.front()) == std::string_view::npos &&
+                                    (path.size() == AUTO_LOAD_PATH_LEN || // trimmed before the cut
+                                     blanks.find(path.back()) == std::string_view::npos)));
+        at = input.find(path, at);
+        FUZZ_CHECK(at != std::string_view::npos);
+        at += path.size();
+    }
 
     const std::string_view id_bytes = input.substr(0, k_id_file_bytes);
     fuzz_support::write_file(id_path, id_bytes.data(), id_bytes.size());
@@ -99,14 +78,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(idx == -2 && g_json_agent_count == before);
         return 0;
     }
-    const std::string_view id = cut_at_nul(first_read(id_bytes, k_id_read_size).substr(0, AGENT_ID_LEN));
-    if (idx == -3) { // only a full registry without this id refuses it
+    if (idx == -3) { // only a full registry refuses an id
         FUZZ_CHECK(before == MAX_AGENT_COUNT && g_json_agent_count == before);
-        for (int i = 0; i < before; i++)
-            FUZZ_CHECK(id != g_json_agent_info[i].agent_id);
         return 0;
     }
-    FUZZ_CHECK(idx >= 0 && idx < g_json_agent_count && id == g_json_agent_info[idx].agent_id);
+    FUZZ_CHECK(idx >= 0 && idx < g_json_agent_count);
     FUZZ_CHECK(g_json_agent_count == (idx == before ? before + 1 : before));
+    const std::string_view id(g_json_agent_info[idx].agent_id);
+    const size_t line_end = id.find('\n');
+    FUZZ_CHECK(input.starts_with(id) && (line_end == std::string_view::npos || line_end + 1 == id.size()));
     return 0;
 }

@@ -1,6 +1,6 @@
-// Shared by the fuzz targets that feed files and packets to the agent: a private temporary
-// directory made once per process and removed at exit, whole-file writes, directory
-// listings, and a check that aborts with its line so libFuzzer records the input.
+// Shared by the fuzz targets: a private temporary directory made once per process and removed
+// at exit, whole-file writes, directory listings, token replacement for the expansion
+// checks, and a check that aborts with its line so libFuzzer records the input.
 #pragma once
 
 #include <dirent.h>
@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #define FUZZ_CHECK(cond) ((cond) ? void() : fuzz_support::check_failed(#cond, __LINE__))
@@ -118,6 +120,25 @@ inline void detach_stdin()
         dup2(fd, STDIN_FILENO);
         close(fd);
     }
+}
+
+using tokens_t = std::vector<std::pair<std::string, std::string>>;
+
+// text with each occurrence of a key of `tokens` (the first key that matches) replaced by its
+// value, in one pass from the left: what a value brings in is not looked at again.
+inline std::string replace_tokens(std::string_view text, const tokens_t &tokens)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        auto hit = tokens.begin();
+        while (hit != tokens.end() && !text.substr(i).starts_with(hit->first))
+            ++hit;
+        if (hit == tokens.end())
+            out += text[i++];
+        else
+            out += hit->second, i += hit->first.size();
+    }
+    return out;
 }
 
 } // namespace fuzz_support

@@ -1,7 +1,8 @@
 // Shared by the unit tests of the connection and command units: a fake DG connection. The
 // agent's end of a socketpair is published as the connected DG socket; what the agent
-// writes (directly or through the send queue) is read back from the other end, framed and
-// decoded with Google's protobuf library (the reference schema), never the agent's codec.
+// writes (directly or through the send queue) is read back from the other end, unframed by
+// the DG side's wire library (dg_wire) and decoded with Google's protobuf library (the
+// reference schema), never the agent's code.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,9 +14,11 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "dg_protocol.pb.h"
+#include "dg_wire.h"
 #include "thr_dgconn.h"
 
 namespace dg_capture
@@ -24,11 +27,7 @@ namespace dg_capture
 struct packet_t {
     std::vector<uint8_t> header; // 23 bytes
     std::string body;
-    int type() const { return (header[12] << 8) | header[13]; }
-    uint32_t length() const
-    {
-        return (uint32_t{header[8]} << 24) | (uint32_t{header[9]} << 16) | (uint32_t{header[10]} << 8) | header[11];
-    }
+    int type() const { return dg_wire::parse_header(header.data()).type; }
     template <typename M> M decode() const
     {
         M message;
@@ -86,18 +85,12 @@ struct fake_dg {
         for (ssize_t n; (n = read(dg, buf, sizeof(buf))) > 0;)
             bytes.append(buf, static_cast<size_t>(n));
         std::vector<packet_t> packets;
-        size_t pos = 0;
-        while (bytes.size() - pos >= 23) {
-            packet_t p;
-            p.header.assign(bytes.begin() + pos, bytes.begin() + pos + 23);
-            size_t total = 12 + p.length();
-            if (bytes.size() - pos < total)
-                break;
-            p.body = bytes.substr(pos + 23, total - 23);
-            packets.push_back(std::move(p));
-            pos += total;
-        }
-        EXPECT_EQ(pos, bytes.size()) << "a packet arrived cut";
+        std::string_view rest(bytes);
+        dg_wire::packet_header h{};
+        std::string_view body;
+        for (long n; (n = dg_wire::unframe(rest, &h, &body)) > 0; rest.remove_prefix(static_cast<size_t>(n)))
+            packets.push_back({{rest.begin(), rest.begin() + dg_wire::k_header_size}, std::string(body)});
+        EXPECT_TRUE(rest.empty()) << "a packet arrived cut or out of step";
         return packets;
     }
 
@@ -115,11 +108,7 @@ struct fake_dg {
 // A packet of type `type` around body, as the DG frames it.
 inline std::string dg_packet(int type, const std::string &body)
 {
-    uint32_t length = static_cast<uint32_t>(body.size()) + 11;
-    std::string p = {'\xF9', '\xF2', '\xF8', 2, 4, 0, 0, 0, static_cast<char>(length >> 24),
-                     static_cast<char>(length >> 16), static_cast<char>(length >> 8), static_cast<char>(length),
-                     static_cast<char>(type >> 8), static_cast<char>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
-    return p + body;
+    return dg_wire::frame_packet(static_cast<uint16_t>(type), 1, body);
 }
 
 } // namespace dg_capture

@@ -1,7 +1,7 @@
 // quil-dg-sim: a stand-in for the data gather server, built on libprotobuf and the reference
-// schema only (it shares no code with the agent). This header is the interface between the
-// tool's units: framing and message table (dg_sim_wire), JSON output and lenient decoding
-// (dg_sim_json), the listener and connections (dg_sim_conn), the command loop (quil_dg_sim).
+// schema only, framed by the DG side's wire library (dg_wire.h); it shares no code with the
+// agent. This header is the interface between the tool's units: JSON output and lenient
+// decoding (dg_sim_json), the listener and connections (dg_sim_conn), the command loop.
 #pragma once
 
 #include <atomic>
@@ -17,65 +17,13 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
+#include "dg_wire.h"
+
 namespace dg_sim
 {
 
-// ---- framing (dg_sim_wire) -----------------------------------------------------------------
-//
-//   0        3    4      5          8            12      14          18   19            23
-//   | F9F2F8 | ver | ptype | 00 00 00 | length BE | type | packet_id | bk | stamp BE | body
-//   '------------ main header (12) ---------------'----------- sub header (11) ------'
-//   length = 11 + body length
-constexpr size_t k_main_header_size = 12;
-constexpr size_t k_sub_header_size = 11;
-constexpr size_t k_header_size = k_main_header_size + k_sub_header_size;
-constexpr uint32_t k_max_length = 16u << 20;  // a length field above this is refused
-constexpr uint32_t k_protocol_stamp = 19121701;
-constexpr uint8_t k_header_version = 2;
-constexpr uint8_t k_packet_type = 4;
-constexpr uint32_t k_protocol_version = 20241111;
-
-struct packet_header {
-    uint8_t version;
-    uint8_t packet_type;
-    uint32_t length;  // main header length field: 11 + body length
-    uint16_t type;
-    uint32_t packet_id;
-    uint8_t body_kind;
-    uint32_t protocol_stamp;
-};
-
-// One row of the message table. proto is the full protobuf name of the body, null for the
-// types whose body is empty (ping, ping answer, timezone request).
-struct msg_info {
-    uint16_t type;
-    const char *name;
-    const char *proto;
-    uint8_t body_kind;  // what the simulator writes when it sends this type
-};
-
-// The table row of `type`, or null for a type the protocol does not know. Cannot fail.
-const msg_info *find_msg_info(uint16_t type);
-
-// A framed packet (23 header bytes + body) with header version 2, packet_type 4, packet_id 0
-// and the usual protocol stamp. Cannot fail.
-std::string frame_packet(uint16_t type, uint8_t body_kind, std::string_view body);
-
-// Reads one packet from a blocking socket. Returns 1 with *header and *body filled; 0 when the
-// peer closed cleanly before a header byte; -1 on a read error, a short packet, a bad magic or
-// a length outside 11..16 MiB, with *error saying which (the stream is then out of step and
-// must be closed). Never reads more than the length field announces.
-int read_packet(int fd, packet_header *header, std::string *body, std::string *error);
-
-// Writes all of data with MSG_NOSIGNAL. Returns 0, or errno of the failed send.
-int write_all(int fd, std::string_view data);
-
-// Lower-case hex of at most max_bytes bytes of data. Cannot fail.
-std::string to_hex(std::string_view data, size_t max_bytes = SIZE_MAX);
-
-// Decodes hex text (either case, even length) into *out. Returns 0, or -1 on a bad digit or
-// an odd length (*out then unspecified).
-int from_hex(std::string_view text, std::string *out);
+// Framing, the message table, the socket loops and hex: the DG side's wire library.
+using namespace dg_wire;
 
 // ---- JSON output (dg_sim_json) -------------------------------------------------------------
 

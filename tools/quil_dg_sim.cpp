@@ -1,7 +1,7 @@
 // quil-dg-sim: a data gather server simulator for developing and testing the agent. This
 // unit owns the command line, the start and clean end of the process, and the commands read
 // from standard input (one per line) that make the simulator send packets. Tests drive it
-// through tests/dg_sim_support.h; operators read `quil-dg-sim --help`.
+// through harness/dg_sim_support.h; operators read `quil-dg-sim --help`.
 #include "dg_sim.h"
 
 #include <cerrno>

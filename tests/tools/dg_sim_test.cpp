@@ -1,4 +1,4 @@
-// Tests of quil-dg-sim through tests/dg_sim_support.h: a plain TCP client with its own small
+// Tests of quil-dg-sim through harness/dg_sim_support.h: a plain TCP client with its own small
 // framer and libprotobuf bodies plays the agent, so every exchange also checks the simulator's
 // framing independently of the agent's codec.
 #ifdef QUIL_DG_SIM_BIN

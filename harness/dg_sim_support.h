@@ -1,7 +1,7 @@
-// Test harness around the quil-dg-sim binary (path from QUIL_DG_SIM_BIN): starts it as a child
+// Harness around the quil-dg-sim binary (path from QUIL_DG_SIM_BIN): starts it as a child
 // with pipes on its standard input and output, collects its JSON event lines on a background
-// thread, sends it commands and waits for events. Used by the simulator's own tests and by the
-// scenario tests that put the agent in front of it (with tests/daemon_support.h).
+// thread, sends it commands and waits for events. Used by the simulator's own tests, by the
+// scenario tests that put the agent in front of it and by dg_bench.
 #pragma once
 
 #ifndef QUIL_DG_SIM_BIN
