@@ -34,7 +34,7 @@ class GarbageCollector : public agent_home::AgentHomeTest
         vk_strlcpy(item->key, id);
         vk_strlcpy(item->command.agent_id, id);
         vk_strlcpy(item->file_path, std::string(g_vk_manager_home) + "/tmp/" + id);
-        write_file(item->file_path, "partial");
+        write_file(item->file_path + std::string(PATCH_PART_SUFFIX), "partial");
         item->command.received_time = static_cast<uint64_t>(vk_get_time_msec() - age_ms);
         item->command.timeout = timeout_ms;
         item->buffer_index = -1;
@@ -55,8 +55,8 @@ TEST_F(GarbageCollector, SweepRemovesStaleTransfersOnly)
     EXPECT_EQ(start_garbage_collect(), stale);
     EXPECT_EQ(g_patch_list_map.count, 100u);
     EXPECT_EQ(log_count("[start_garbage_collect] garbage detect agent_id [agent-1] taget_timeout[1000] now_time["), 1u);
-    EXPECT_FALSE(std::ifstream(manager + "/tmp/agent-1").good()) << "the partial file goes too";
-    EXPECT_TRUE(std::ifstream(manager + "/tmp/agent-0").good());
+    EXPECT_FALSE(std::ifstream(manager + "/tmp/agent-1.part").good()) << "the partial file goes too";
+    EXPECT_TRUE(std::ifstream(manager + "/tmp/agent-0.part").good());
     EXPECT_EQ(start_garbage_collect(), 0);
 }
 
