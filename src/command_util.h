@@ -3,11 +3,38 @@
 // and the script runner (run_script, on the command thread), which runs one agent script
 // through "/bin/sh" with a time-out, honours a stop request and judges the output by the
 // keywords "vkSuccess" and "vkError".
-// Thread safety: check_chunk_validity needs g_hash_lock held; run_script runs on the
-// command thread (it reads that thread's prefix buffers).
+// It also owns what a run reads: the command prefixes the command thread builds for the
+// command in hand, and the stop request of the running command, which intake raises.
+// Thread safety: check_chunk_validity runs under the caller's lock of the transfer map;
+// run_script and the prefixes belong to the command thread; the stop request is an atomic
+// any thread may raise.
 #pragma once
 
-#include "command_handler.h"
+#include "cmd_info.h"
+#include "command.h"
+
+inline constexpr int CUSTOM_PREFIX_SIZE = 512;
+
+// The command prefix built for the command in hand from the "custom_prefix" template: from
+// the run user (g_custom_prefix, for stop.sh and start.sh) and from the install user
+// (g_custom_patch_prefix, for the patch program). Written by the command thread before it
+// runs a command, cleared after.
+extern char g_custom_prefix[CUSTOM_PREFIX_SIZE];
+extern char g_custom_patch_prefix[CUSTOM_PREFIX_SIZE];
+// Result of the last prefix conversion (convert_env_to_cmd); run_script uses the prefixes
+// only when it is 1.
+extern int g_custom_prefix_flag;
+
+// Asks the running command to stop (patch_stop): its script is ended and no further script
+// of it starts. Raised by intake while it holds the ring's lock and the command runs;
+// cleared when the command thread takes the next command. Cannot fail.
+void command_stop_request();
+void command_stop_clear();
+// 1 when a stop of the running command was requested, else 0.
+[[nodiscard]] int command_stop_requested();
+
+// The ".part" file a transfer writes until its last chunk: "<file_path>.part". Cannot fail.
+void patch_part_path(const patch_item_t *item, char (&out)[PATCH_PART_PATH_SIZE]);
 
 // Output of one script kept in result_message, at most (the verdict text comes after it).
 inline constexpr int RUN_SCRIPT_OUTPUT_MAX = 8191;

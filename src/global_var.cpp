@@ -82,3 +82,10 @@ int init_global_var(const char *home)
     clear_signal_debug_code();
     return 0;
 }
+
+void clear_agent_registry()
+{
+    std::lock_guard<vklock_t> guard(g_json_lock);
+    memset(g_json_agent_info, 0, sizeof(g_json_agent_info));
+    g_json_agent_count = 0;
+}

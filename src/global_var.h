@@ -64,6 +64,10 @@ extern json_agent_info_t g_json_agent_info[MAX_AGENT_COUNT];
 extern int32_t g_json_agent_count; // records 0 .. count-1 are in use
 extern vklock_t g_json_lock;
 extern char g_json_prefix_option[JSON_PREFIX_OPTION_SIZE];
+
+// Empties the registry (every record zeroed, count 0) under g_json_lock; the prefix stays.
+// Cannot fail.
+void clear_agent_registry();
 // Autoload list: written by init_auto_load at start-up, read-only afterwards.
 extern int32_t g_auto_load_count;
 extern char g_vk_auto_load_path[MAX_AGENT_COUNT][AUTO_LOAD_PATH_SIZE];

@@ -3,10 +3,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <string_view>
 
+#include "command_handler.h"
 #include "command_util.h"
 #include "configure.h"
 #include "global_var.h"
@@ -18,10 +18,6 @@
 #include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
-
-char g_custom_prefix[CUSTOM_PREFIX_SIZE];
-char g_custom_patch_prefix[CUSTOM_PREFIX_SIZE];
-int g_custom_prefix_flag = 0;
 
 namespace
 {
@@ -144,63 +140,20 @@ void run_command(cmd_info_t *record, int idx)
     }
 }
 
-// Removes the patch item of a finished patch command, unless a new transfer took its
-// place. The caller holds nothing.
-void remove_patch_item(const cmd_info_t *record, int idx)
+// Runs, reports and ends the command of slot (taken into work).
+void finish_command(cmd_info_t *work, int slot)
 {
-    char key[PATCH_KEY_LEN] = {};
-    vk_strlcpy(key, record->agent_id, sizeof(key));
-    std::lock_guard<vklock_t> guard(g_hash_lock);
-    void *found = nullptr;
-    if (map_lookup(&g_patch_list_map, key, PATCH_KEY_LEN, &found) != 1)
-        return;
-    auto *item = static_cast<patch_item_t *>(found);
-    if (item->buffer_index != idx)
-        return; // a newer transfer for the agent
-    patch_item_teardown(item, false);
-}
-
-// Advances the ring past slot idx when it is still the oldest. Caller holds g_command_lock.
-void remove_index_locked(int idx)
-{
-    if (g_cmd_info_count.load() <= 0 || g_cmd_info_start != idx)
-        return;
-    g_cmd_info_start = (g_cmd_info_start + 1) % CMD_INFO_COUNT;
-    g_cmd_info_count.fetch_sub(1);
-    VKLOG_INFO(g_vklog.load(), "[execute_command] remove index. idx[%d] -> start_idx[%d] end_idx[%d] cmd_count[%d]\n",
-               idx, g_cmd_info_start, g_cmd_info_end, g_cmd_info_count.load());
-}
-
-// Runs, reports and frees the command in slot idx (status RUN, copied into work).
-void finish_command(cmd_info_t *work, int idx)
-{
-    run_command(work, idx);
-    {
-        // A patch_stop during the run marked the slot and gave it its identifiers.
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        const cmd_info_t &slot = g_cmd_info[idx];
-        if (slot.status == CMD_STATUS_RUN || slot.status == CMD_STATUS_STOP) {
-            memcpy(work->execution_id, slot.execution_id, sizeof(work->execution_id));
-            memcpy(work->command_id, slot.command_id, sizeof(work->command_id));
-        }
-    }
+    run_command(work, slot);
+    cmd_ring_stop_ids(slot, work); // a patch_stop during the run: its ids get the answer
     VKLOG_INFO(g_vklog.load(), "[execute_command] send result message. idx[%d] cmd_type[%d][%s] agent_id[%s] execution_id[%s]\n",
-               idx, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
+               slot, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
     send_res_command(work, CMD_PHASE_DONE);
-    if (work->cmd_type == CMD_PATCH_START)
-        remove_patch_item(work, idx);
     VKLOG_INFO(g_vklog.load(), "[execute_command] delete command. idx[%d] cmd_type[%d][%s] agent_id[%s] execution_id[%s]\n",
-               idx, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
+               slot, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
     memset(g_custom_prefix, 0, sizeof(g_custom_prefix));
     memset(g_custom_patch_prefix, 0, sizeof(g_custom_patch_prefix));
-    std::lock_guard<vklock_t> guard(g_command_lock);
-    g_cmd_running_idx.store(-1);
-    cmd_info_t &slot = g_cmd_info[idx];
-    if (slot.status == CMD_STATUS_RUN || slot.status == CMD_STATUS_STOP) {
-        memset(&slot, 0, sizeof(slot));
-        remove_index_locked(idx);
-    } // else a newer command overwrote the slot while this one ran; the ring moved on
+    cmd_ring_finish(slot, work);
 }
 
 } // namespace
@@ -271,37 +224,22 @@ int create_agent_info_file(cmd_info_t *record)
 
 int execute_command()
 {
-    {
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        if (g_cmd_info_count.load() == 0) {
-            VKLOG_DEBUG(g_vklog.load(), "[execute_command] command buffer empty!!!!!!!! start_idx[%d] end_idx[%d] cmd_count[%d]\n",
-                        g_cmd_info_start, g_cmd_info_end, g_cmd_info_count.load());
-            return 0;
-        }
-        VKLOG_DEBUG(g_vklog.load(), "[execute_command] command buffer check start. start_idx[%d] end_idx[%d] cmd_count[%d]\n",
-                    g_cmd_info_start, g_cmd_info_end, g_cmd_info_count.load());
+    int start = 0, end = 0;
+    if (cmd_ring_count(&start, &end) == 0) {
+        VKLOG_DEBUG(g_vklog.load(), "[execute_command] command buffer empty!!!!!!!! start_idx[%d] end_idx[%d] cmd_count[%d]\n",
+                    start, end, 0);
+        return 0;
     }
-    auto work = std::make_unique<cmd_info_t>();
+    VKLOG_DEBUG(g_vklog.load(), "[execute_command] command buffer check start. start_idx[%d] end_idx[%d] cmd_count[%d]\n",
+                start, end, cmd_ring_count());
+    // The record a script runs on: 12 KB, on this thread's 10 MiB stack.
+    cmd_info_t work{};
     while (g_stop_the_world.load() == 0) {
-        int idx;
-        {
-            std::lock_guard<vklock_t> guard(g_command_lock);
-            if (g_cmd_info_count.load() <= 0)
-                break;
-            idx = g_cmd_info_start;
-            cmd_info_t &slot = g_cmd_info[idx];
-            if (slot.status != CMD_STATUS_USED) {
-                memset(&slot, 0, sizeof(slot)); // cancelled by patch_stop: removed unreported
-                remove_index_locked(idx);
-                continue;
-            }
-            // From here a patch_stop of this command is a stop of a running command.
-            slot.status = CMD_STATUS_RUN;
-            *work = slot;
-            g_cmd_running_idx.store(idx);
-        }
+        const int slot = cmd_ring_take(&work);
+        if (slot < 0)
+            break;
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
-        finish_command(work.get(), idx);
+        finish_command(&work, slot);
     }
     return 0;
 }
@@ -309,11 +247,7 @@ int execute_command()
 void *thr_command(void *)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
-    {
-        std::lock_guard<vklock_t> guard(g_json_lock);
-        memset(g_json_agent_info, 0, sizeof(g_json_agent_info));
-        g_json_agent_count = 0;
-    }
+    clear_agent_registry();
     char config_path[VK_PATH_SIZE + 32];
     snprintf(config_path, sizeof(config_path), "%s/data/%s", g_vk_manager_home, "config");
     int64_t tick = vk_get_time_msec() / 1000 + 1;

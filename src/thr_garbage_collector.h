@@ -1,8 +1,8 @@
 // thr_garbage_collector: the garbage collector thread. Every MGR_INTERVAL_GARBAGE_COLLECT
 // seconds (wall clock) it removes patch transfers that outlived their time-out and, when no
 // command is queued, empties the target agent registry so it is built afresh.
-// Thread safety: runs on its own thread; takes g_hash_lock for a sweep and g_json_lock for
-// the registry reset.
+// Thread safety: runs on its own thread; the sweep goes through the transfer map's owner
+// (patch_collect_stale), the reset through the registry's (clear_agent_registry).
 #pragma once
 
 // Thread body (argument unused); ends when g_stop_the_world is raised.

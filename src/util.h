@@ -14,30 +14,7 @@
 #include <memory>
 #include <unistd.h>
 
-// Owns one descriptor and closes it on every path.
-struct vk_unique_fd {
-    int fd = -1;
-    explicit vk_unique_fd(int f) : fd(f) {}
-    vk_unique_fd(const vk_unique_fd &) = delete;
-    vk_unique_fd &operator=(const vk_unique_fd &) = delete;
-    ~vk_unique_fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
-// Owns one FILE* and closes it on every path.
-struct vk_file_closer {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using vk_unique_file = std::unique_ptr<FILE, vk_file_closer>;
-
-// Owns one malloc'd block and frees it on every path (release() hands it to a caller).
-struct vk_free_deleter {
-    void operator()(void *p) const { free(p); }
-};
-template <typename T> using vk_unique_malloc = std::unique_ptr<T, vk_free_deleter>;
+#include "vk_raii.h"
 
 // Appends source (at most 255 characters) to dest with every ${NAME} replaced by the
 // environment variable NAME; dest (dest_size bytes, 512 in every caller) is passed zeroed.

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "agent_home.h"
+#include "command_util.h"
 #include "dg_capture.h"
 #include "on_demand.h"
 #include "vk_time.h"
@@ -29,17 +30,10 @@ class CommandIntake : public agent_home::AgentHomeTest
         agent_home::AgentHomeTest::SetUp();
         dg.publish();
         ASSERT_EQ(init_chunk_hash(), 0);
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        memset(g_cmd_info, 0, sizeof(g_cmd_info));
-        g_cmd_info_start = g_cmd_info_end = 0;
-        g_cmd_info_count.store(0);
     }
     void TearDown() override
     {
-        {
-            std::lock_guard<vklock_t> guard(g_hash_lock);
-            map_destroy(&g_patch_list_map);
-        }
+        EXPECT_EQ(init_chunk_hash(), 0); // frees what a test left in the map
         agent_home::AgentHomeTest::TearDown();
     }
 
@@ -94,13 +88,12 @@ class CommandIntake : public agent_home::AgentHomeTest
     {
         return std::to_string(r.phase_type()) + " " + std::to_string(r.result()) + " " + r.result_message();
     }
-    bool has_item(const char *agent = k_agent)
+    static bool has_item() { return patch_count() > 0; }
+    static cmd_info_t slot(int index)
     {
-        char key[PATCH_KEY_LEN] = {};
-        strncpy(key, agent, sizeof(key) - 1);
-        void *item = nullptr;
-        std::lock_guard<vklock_t> guard(g_hash_lock);
-        return map_lookup(&g_patch_list_map, key, PATCH_KEY_LEN, &item) == 1;
+        cmd_info_t record{};
+        EXPECT_EQ(cmd_ring_get(index, &record), 0);
+        return record;
     }
     std::string tmp(const std::string &name) { return manager + "/tmp/" + name; }
 
@@ -118,15 +111,15 @@ TEST_F(CommandIntake, CommandsAreAcknowledgedAndQueuedInARingOfHundred)
     EXPECT_EQ(r.command_id(), "cmd-e1");
     EXPECT_EQ(r.agent_id(), k_agent);
     EXPECT_EQ(static_cast<int>(r.cmd_type()), 1);
-    EXPECT_EQ(g_cmd_info_count.load(), 1);
-    EXPECT_EQ(g_cmd_info[0].status, CMD_STATUS_USED);
-    EXPECT_EQ(std::string(g_cmd_info[0].install_path), std::string(255, 'p'));
-    EXPECT_EQ(g_cmd_info[0].timeout, 60000);
-    EXPECT_EQ(g_cmd_info[0].result_message[0], '\0') << "cleared after the acknowledgement";
+    EXPECT_EQ(cmd_ring_count(), 1);
+    EXPECT_EQ(slot(0).status, CMD_STATUS_USED);
+    EXPECT_EQ(std::string(slot(0).install_path), std::string(255, 'p'));
+    EXPECT_EQ(slot(0).timeout, 60000);
+    EXPECT_EQ(slot(0).result_message[0], '\0') << "cleared after the acknowledgement";
 
     ASSERT_EQ(send(request(9, "e2")), 0);
     EXPECT_EQ(describe(result()), "1 1 [agent manager] Success received the command(unknown)");
-    EXPECT_EQ(g_cmd_info[1].cmd_type, 9);
+    EXPECT_EQ(slot(1).cmd_type, 9);
 
     dg::req_command_message bare = request(2, "e3");
     bare.clear_target_agent_infos();
@@ -136,10 +129,11 @@ TEST_F(CommandIntake, CommandsAreAcknowledgedAndQueuedInARingOfHundred)
 
     for (int i = 3; i <= 101; i++)
         ASSERT_EQ(send(request(2, "e" + std::to_string(i))), 0);
-    EXPECT_EQ(g_cmd_info_count.load(), 100);
-    EXPECT_EQ(g_cmd_info_start, 1);
-    EXPECT_EQ(g_cmd_info_end, 1);
-    EXPECT_STREQ(g_cmd_info[0].execution_id, "e101") << "the 101st overwrote the oldest";
+    int start = -1, end = -1;
+    EXPECT_EQ(cmd_ring_count(&start, &end), 100);
+    EXPECT_EQ(start, 1);
+    EXPECT_EQ(end, 1);
+    EXPECT_STREQ(slot(0).execution_id, "e101") << "the 101st overwrote the oldest";
     EXPECT_EQ(log_count("command buffer full. overwrite old command. new start_idx[1] end_idx[1]"), 1u);
 }
 
@@ -154,7 +148,7 @@ TEST_F(CommandIntake, RequestsWithManyOptionsDecode)
         EXPECT_EQ(send(restart), 0) << options << " options, " << restart.ByteSizeLong() << " bytes";
         EXPECT_EQ(describe(result()), "1 1 [agent manager] Success received the command(agent_restart)");
     }
-    EXPECT_EQ(g_cmd_info_count.load(), 4);
+    EXPECT_EQ(cmd_ring_count(), 4);
 }
 
 TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
@@ -183,8 +177,8 @@ TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
     struct stat st{};
     ASSERT_EQ(stat(tmp("patch.sh").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
-    ASSERT_EQ(g_cmd_info_count.load(), 1);
-    const cmd_info_t &queued = g_cmd_info[0];
+    ASSERT_EQ(cmd_ring_count(), 1);
+    const cmd_info_t queued = slot(0);
     EXPECT_EQ(queued.status, CMD_STATUS_USED);
     EXPECT_STREQ(queued.file_name, "patch.sh");
     EXPECT_EQ(queued.option_count, CMD_OPTION_COUNT) << "the first ten pairs are kept";
@@ -195,7 +189,7 @@ TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
                                           std::to_string(late) + ")");
     }
     EXPECT_EQ(read_file(tmp("patch.sh")), data) << "a late chunk does not touch the file";
-    EXPECT_EQ(g_cmd_info[0].status, CMD_STATUS_USED);
+    EXPECT_EQ(slot(0).status, CMD_STATUS_USED);
 }
 
 TEST_F(CommandIntake, RefusedChunksEndTheTransfer)
@@ -239,7 +233,7 @@ TEST_F(CommandIntake, RefusedChunksEndTheTransfer)
     dg.results();
     ASSERT_EQ(send(chunk("z", 1, 1, "")), 0);
     EXPECT_EQ(describe(result()), "1 1 [agent manager] file(" + tmp("empty.bin") + ") write success");
-    EXPECT_EQ(g_cmd_info_count.load(), 1);
+    EXPECT_EQ(cmd_ring_count(), 1);
 }
 
 TEST_F(CommandIntake, PatchStopInEachState)
@@ -268,30 +262,35 @@ TEST_F(CommandIntake, PatchStopInEachState)
     r = dg.results();
     ASSERT_EQ(r.size(), 2u);
     EXPECT_EQ(describe(r[1]), "1 2 [agent manager] execution id is incoreect (Expected execution id t9 / received execution id t9)");
-    EXPECT_EQ(g_cmd_info[0].status, CMD_STATUS_USED);
+    EXPECT_EQ(slot(0).status, CMD_STATUS_USED);
     ASSERT_EQ(send(request(4, "t2")), 0);
     r = dg.results();
     ASSERT_EQ(r.size(), 2u);
     EXPECT_EQ(describe(r[1]), "2 1 [agent manager] command(patch_stop) delete success. No commands are in progress yet");
     EXPECT_EQ(r[1].execution_id(), "t2");
-    EXPECT_EQ(g_cmd_info[0].status, CMD_STATUS_EMPTY);
+    EXPECT_EQ(slot(0).status, CMD_STATUS_EMPTY);
     EXPECT_FALSE(has_item());
 
-    // Running: the slot is marked STOP under the stop's identifiers.
+    // Running: the record is marked STOP, the runner is asked to stop, and the done result
+    // will carry the stop's identifiers.
     ASSERT_EQ(send(patch_start("t3", "a.sh", 2)), 0);
     ASSERT_EQ(send(chunk("t3", 1, 1, "ab")), 0);
     dg.results();
-    {
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        g_cmd_info[1].status = CMD_STATUS_RUN;
-    }
+    cmd_info_t work{};
+    ASSERT_EQ(cmd_ring_take(&work), 1) << "the cancelled slot 0 is skipped";
+    EXPECT_EQ(command_stop_requested(), 0);
     dg::req_command_message stop = request(4, "t3");
     stop.set_command_id("stop-cmd");
     ASSERT_EQ(send(stop), 0);
     EXPECT_EQ(dg.results().size(), 1u) << "only the acknowledgement; the outcome comes from the run";
-    EXPECT_EQ(g_cmd_info[1].status, CMD_STATUS_STOP);
-    EXPECT_STREQ(g_cmd_info[1].command_id, "stop-cmd");
+    EXPECT_EQ(slot(1).status, CMD_STATUS_STOP);
+    EXPECT_EQ(command_stop_requested(), 1);
+    cmd_ring_stop_ids(1, &work);
+    EXPECT_STREQ(work.command_id, "stop-cmd");
     EXPECT_FALSE(has_item());
+    cmd_ring_finish(1, &work);
+    EXPECT_EQ(cmd_ring_count(), 0);
+    command_stop_clear();
 }
 
 TEST_F(CommandIntake, HostilePatchRequestsCreateNothing)

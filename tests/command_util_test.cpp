@@ -4,7 +4,6 @@
 #include "command_util.h"
 
 #include "agent_home.h"
-#include "thr_command.h"
 #include "vk_string.h"
 
 #include <algorithm>
@@ -171,39 +170,28 @@ TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
     EXPECT_EQ(log_count("[run_script] SIGTERM failed, send SIGKILL"), 1u);
 }
 
-TEST_F(RunScriptTest, StopRequestEndsTheScript)
+// A stop requested while the script runs ends it; one requested before a run starts nothing.
+TEST_F(RunScriptTest, StopRequestEndsTheScriptOrStartsNothing)
 {
     const std::string started = run_path + "/started";
-    const int slot = 7;
-    for (bool through_ring : {false, true}) {
-        SCOPED_TRACE(through_ring ? "ring slot marked STOP" : "record marked STOP");
-        unlink(started.c_str());
-        prepare(RUN_TYPE_STOP, "echo started; touch " + started + "; sleep 30", 60000);
-        if (through_ring) {
-            std::lock_guard<vklock_t> guard(g_command_lock);
-            g_cmd_info[slot] = rec;
-            g_cmd_info[slot].status = CMD_STATUS_RUN;
-            g_cmd_running_idx = slot;
-        }
-        ASSERT_EQ(g_cmd_running_idx.load(), through_ring ? slot : -1);
-        std::thread stopper([&] {
-            EXPECT_TRUE(eventually([&] { return access(started.c_str(), F_OK) == 0; }));
-            if (through_ring) {
-                std::lock_guard<vklock_t> guard(g_command_lock);
-                g_cmd_info[slot].status = CMD_STATUS_STOP;
-            } else {
-                __atomic_store_n(&rec.status, CMD_STATUS_STOP, __ATOMIC_RELEASE);
-            }
-        });
-        int rc = run_script(&rec, RUN_TYPE_STOP);
-        stopper.join();
-        g_cmd_running_idx = -1;
-        memset(&g_cmd_info[slot], 0, sizeof g_cmd_info[slot]);
-        EXPECT_EQ(rc, -98);
-        EXPECT_EQ(rec.result, CMD_RESULT_SUCCESS);
-        EXPECT_EQ(rec.result_message, std::string("started\n[agent manager] command stop success"));
-    }
-    EXPECT_EQ(log_count("[run_script] command stop case. pid["), 2u);
+    prepare(RUN_TYPE_STOP, "echo started; touch " + started + "; sleep 30", 60000);
+    command_stop_clear();
+    std::thread stopper([&] {
+        EXPECT_TRUE(eventually([&] { return access(started.c_str(), F_OK) == 0; }));
+        command_stop_request();
+    });
+    int rc = run_script(&rec, RUN_TYPE_STOP);
+    stopper.join();
+    EXPECT_EQ(rc, -98);
+    EXPECT_EQ(rec.result, CMD_RESULT_SUCCESS);
+    EXPECT_EQ(rec.result_message, std::string("started\n[agent manager] command stop success"));
+    EXPECT_EQ(log_count("[run_script] command stop case. pid["), 1u);
+
+    unlink(started.c_str());
+    EXPECT_EQ(run(RUN_TYPE_SETUP, "touch " + started + "; echo vkSuccess", 60000, "stop: vkSuccess\n"), -98);
+    command_stop_clear();
+    EXPECT_EQ(rec.result_message, std::string("stop: vkSuccess\n[agent manager] command stop success"));
+    EXPECT_NE(access(started.c_str(), F_OK), 0) << "nothing was started";
 }
 
 TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)

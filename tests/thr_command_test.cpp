@@ -6,7 +6,10 @@
 #include <sys/stat.h>
 
 #include "agent_home.h"
+#include "command_handler.h"
+#include "command_util.h"
 #include "dg_capture.h"
+#include "on_demand.h"
 #include "vk_string.h"
 
 using daemon_support::read_file;
@@ -60,24 +63,23 @@ class Execute : public agent_home::AgentHomeTest
         ASSERT_EQ(mkdir(run_path.c_str(), 0755), 0);
         script("stop.sh", "echo stopping; echo vkSuccess");
         script("start.sh", "echo starting; echo vkSuccess");
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        memset(g_cmd_info, 0, sizeof(g_cmd_info));
-        g_cmd_info_start = g_cmd_info_end = 0;
-        g_cmd_info_count.store(0);
         std::lock_guard<vklock_t> json(g_json_lock);
         g_json_prefix_option[0] = '\0';
         g_json_agent_count = 0;
     }
     void TearDown() override
     {
-        std::lock_guard<vklock_t> guard(g_hash_lock);
-        map_destroy(&g_patch_list_map);
+        EXPECT_EQ(init_chunk_hash(), 0); // frees what a test left in the map
         agent_home::AgentHomeTest::TearDown();
     }
-    void script(const std::string &name, const std::string &body, const std::string &where = "")
+    std::string script_text(const std::string &body)
     {
-        std::string path = (where.empty() ? run_path : where) + "/" + name;
-        write_file(path, "#!/bin/sh\necho \"$0 $*\" >> " + dir.path + "/order\n" + body + "\n");
+        return "#!/bin/sh\necho \"$0 $*\" >> " + dir.path + "/order\n" + body + "\n";
+    }
+    void script(const std::string &name, const std::string &body)
+    {
+        std::string path = run_path + "/" + name;
+        write_file(path, script_text(body));
         chmod(path.c_str(), 0755);
     }
     cmd_info_t command(int cmd_type, const char *exec)
@@ -96,10 +98,40 @@ class Execute : public agent_home::AgentHomeTest
         c.result = CMD_RESULT_SUCCESS; // as left by the acknowledgement
         return c;
     }
-    void queue(const cmd_info_t &c)
+    // Queues c through intake, as the DG would: a request, and for a patch its file in one
+    // chunk. The acknowledgements are taken off the fake DG.
+    void queue(const cmd_info_t &c, const std::string &patch = "")
     {
-        std::lock_guard<vklock_t> guard(g_command_lock);
-        cmd_ring_push_locked(c, "test");
+        dg::req_command_message m;
+        m.set_execution_id(c.execution_id);
+        m.set_command_id(c.command_id);
+        m.set_cmd_type(static_cast<dg::cmd_type_e>(c.cmd_type));
+        m.set_agent_id(c.agent_id);
+        m.set_agent_type(static_cast<dg::agent_type_e>(c.agent_type));
+        m.set_run_path(c.run_path);
+        m.set_run_username(c.run_username);
+        m.set_install_username(c.install_username);
+        m.set_install_path(c.install_path);
+        m.set_timeout(static_cast<uint32_t>(c.timeout));
+        (*m.mutable_target_agent_infos())["source"] = "test";
+        if (c.cmd_type == CMD_PATCH_START) {
+            m.mutable_target_file_info()->set_file_name(c.file_name);
+            m.mutable_target_file_info()->set_file_size(patch.size());
+        }
+        std::string packet = dg_capture::dg_packet(60001, m.SerializeAsString());
+        ASSERT_EQ(read_msg_nio(packet.data(), &dg.agent), 0);
+        if (c.cmd_type == CMD_PATCH_START) {
+            dg::req_file_chunk_message chunk;
+            chunk.set_execution_id(c.execution_id);
+            chunk.set_agent_id(c.agent_id);
+            chunk.set_chunk_index(1);
+            chunk.set_chunk_count(1);
+            chunk.set_chunk_size(patch.size());
+            chunk.set_chunk_data(patch);
+            packet = dg_capture::dg_packet(60004, chunk.SerializeAsString());
+            ASSERT_EQ(read_msg_nio(packet.data(), &dg.agent), 0);
+        }
+        dg.results();
     }
     std::string order() { return read_file(dir.path + "/order"); }
 
@@ -121,8 +153,9 @@ TEST_F(Execute, RestartStopAndAFailedStop)
     EXPECT_EQ(r[1].result_message(), "stopping\nvkSuccess\n");
     EXPECT_EQ(r[2].result(), 2) << "a type without scripts is not reported as a success";
     EXPECT_EQ(order(), run_path + "/stop.sh \n" + run_path + "/start.sh \n" + run_path + "/stop.sh \n");
-    EXPECT_EQ(g_cmd_info_count.load(), 0);
-    EXPECT_EQ(g_cmd_info_start, 3);
+    int start = -1;
+    EXPECT_EQ(cmd_ring_count(&start), 0);
+    EXPECT_EQ(start, 3);
 
     script("stop.sh", "echo vkError");
     queue(command(CMD_AGENT_RESTART, "r2"));
@@ -137,15 +170,10 @@ TEST_F(Execute, PatchRunsStopSetupStartWithTheInstallInformation)
 {
     cmd_info_t patch = command(CMD_PATCH_START, "p1");
     vk_strlcpy(patch.file_name, "setup.sh");
-    patch.option_count = 2;
-    vk_strlcpy(patch.options[0].key, "zeta");
-    vk_strlcpy(patch.options[0].value, "1");
-    vk_strlcpy(patch.options[1].key, "alpha");
-    vk_strlcpy(patch.options[1].value, "two words");
-    script("setup.sh", "cat \"$1\"; echo vkSuccess", manager + "/tmp");
-    queue(patch);
+    queue(patch, script_text("cat \"$1\"; echo vkSuccess"));
     EXPECT_EQ(execute_command(), 0);
-    const std::string info = "zeta=1\nalpha=two words\nINSTALL_PATH=/opt/quil/agent\n";
+    EXPECT_EQ(patch_count(), 0) << "the finished patch freed the agent";
+    const std::string info = "source=test\nINSTALL_PATH=/opt/quil/agent\n";
     EXPECT_EQ(read_file(manager + "/tmp/7_install_info"), info);
     EXPECT_EQ(order(), run_path + "/stop.sh \n" + manager + "/tmp/setup.sh " + manager + "/tmp/7_install_info\n" +
                            run_path + "/start.sh \n");

@@ -5,6 +5,8 @@
 
 #include "agent_home.h"
 #include "command_handler.h"
+#include "dg_capture.h"
+#include "on_demand.h"
 #include "vk_string.h"
 #include "vk_time.h"
 
@@ -19,28 +21,38 @@ class GarbageCollector : public agent_home::AgentHomeTest
     void SetUp() override
     {
         agent_home::AgentHomeTest::SetUp();
+        dg.publish();
         ASSERT_EQ(init_chunk_hash(), 0);
     }
     void TearDown() override
     {
-        std::lock_guard<vklock_t> guard(g_hash_lock);
-        map_destroy(&g_patch_list_map);
+        EXPECT_EQ(init_chunk_hash(), 0);
         agent_home::AgentHomeTest::TearDown();
     }
-    // A transfer for agent `id` received `age_ms` ago with time-out `timeout_ms`.
-    void add_item(const std::string &id, int64_t age_ms, int timeout_ms)
+    // A transfer for agent `id` with time-out `timeout_ms` that received its first chunk.
+    void start_transfer(const std::string &id, uint32_t timeout_ms)
     {
-        auto *item = static_cast<patch_item_t *>(calloc(1, sizeof(patch_item_t)));
-        vk_strlcpy(item->key, id);
-        vk_strlcpy(item->command.agent_id, id);
-        vk_strlcpy(item->file_path, std::string(g_vk_manager_home) + "/tmp/" + id);
-        write_file(item->file_path + std::string(PATCH_PART_SUFFIX), "partial");
-        item->command.received_time = static_cast<uint64_t>(vk_get_time_msec() - age_ms);
-        item->command.timeout = timeout_ms;
-        item->buffer_index = -1;
-        std::lock_guard<vklock_t> guard(g_hash_lock);
-        ASSERT_EQ(map_setat(&g_patch_list_map, item->key, PATCH_KEY_LEN, item), 1);
+        dg::req_command_message m;
+        m.set_execution_id("x-" + id);
+        m.set_cmd_type(static_cast<dg::cmd_type_e>(3));
+        m.set_agent_id(id);
+        m.set_timeout(timeout_ms);
+        (*m.mutable_target_agent_infos())["source"] = "test";
+        m.mutable_target_file_info()->set_file_name(id);
+        m.mutable_target_file_info()->set_file_size(4);
+        dg::req_file_chunk_message c;
+        c.set_execution_id("x-" + id);
+        c.set_agent_id(id);
+        c.set_chunk_index(1);
+        c.set_chunk_count(2);
+        c.set_chunk_size(2);
+        c.set_chunk_data("ab");
+        for (std::string packet : {dg_capture::dg_packet(60001, m.SerializeAsString()),
+                                   dg_capture::dg_packet(60004, c.SerializeAsString())})
+            ASSERT_EQ(read_msg_nio(packet.data(), &dg.agent), 0);
+        dg.results();
     }
+    dg_capture::fake_dg dg;
 };
 
 TEST_F(GarbageCollector, SweepRemovesStaleTransfersOnly)
@@ -49,12 +61,13 @@ TEST_F(GarbageCollector, SweepRemovesStaleTransfersOnly)
     int stale = 0;
     for (int i = 0; i < 300; i++) {
         bool fresh = i % 3 == 0;
-        add_item("agent-" + std::to_string(i), fresh ? 0 : 5000, 1000);
+        start_transfer("agent-" + std::to_string(i), fresh ? 60000 : 200);
         stale += fresh ? 0 : 1;
     }
+    vk_sleep(300);
     EXPECT_EQ(start_garbage_collect(), stale);
-    EXPECT_EQ(g_patch_list_map.count, 100u);
-    EXPECT_EQ(log_count("[start_garbage_collect] garbage detect agent_id [agent-1] taget_timeout[1000] now_time["), 1u);
+    EXPECT_EQ(patch_count(), 100);
+    EXPECT_EQ(log_count("[start_garbage_collect] garbage detect agent_id [agent-1] taget_timeout[200] now_time["), 1u);
     EXPECT_FALSE(std::ifstream(manager + "/tmp/agent-1.part").good()) << "the partial file goes too";
     EXPECT_TRUE(std::ifstream(manager + "/tmp/agent-0.part").good());
     EXPECT_EQ(start_garbage_collect(), 0);

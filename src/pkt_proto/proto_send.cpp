@@ -9,7 +9,7 @@
 #include <mutex>
 
 #include "command.h"
-#include "command_handler.h"
+#include "cmd_info.h"
 #include "common_agent_info.h"
 #include "global_var.h"
 #include "msg_type.h"
