@@ -86,6 +86,10 @@ void initsignal()
     signal(SIGBUS, signal_handler);
     signal(SIGINT, signal_handler);
     signal(SIGABRT, signal_handler);
+    // Stray user signals would end the agent silently with its pid file left behind; they
+    // are logged and ignored instead.
+    signal(SIGUSR1, signal_handler);
+    signal(SIGUSR2, signal_handler);
     struct sigaction action {
     };
     action.sa_handler = signal_handler;
