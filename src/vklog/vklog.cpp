@@ -440,15 +440,15 @@ bool vl_attempt_allowed(vklog_output_file_t *output, bool *retrying)
 
 // The file cannot be written: lines are dropped until the pause is over. Logging is what
 // failed, so the first failure of a run says so on standard error, once, with the reason;
-// `design_line` (the library's own message for this failure, or null) goes with it.
+// `detail_line` (the library's own message for this failure, or null) goes with it.
 void vl_output_failed(const vklog_config_t *config, vklog_output_file_t *output, const char *why,
-                      const char *design_line)
+                      const char *detail_line)
 {
     output->retry_at_ms.store(vl_now_ms() + s_retry_pause_ms, std::memory_order_relaxed);
     if (output->failing.exchange(1, std::memory_order_acq_rel) != 0)
         return;
-    if (design_line != nullptr)
-        fputs(design_line, stderr);
+    if (detail_line != nullptr)
+        fputs(detail_line, stderr);
     fprintf(stderr,
             "[vklog] log file %s cannot be written: %s. Its lines are dropped; it is tried again every "
             "second.\n",
