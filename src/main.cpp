@@ -86,6 +86,10 @@ void initsignal()
     signal(SIGBUS, signal_handler);
     signal(SIGINT, signal_handler);
     signal(SIGABRT, signal_handler);
+    // Stray user signals would end the agent silently with its pid file left behind; they
+    // are logged and ignored instead.
+    signal(SIGUSR1, signal_handler);
+    signal(SIGUSR2, signal_handler);
     struct sigaction action {
     };
     action.sa_handler = signal_handler;
@@ -203,6 +207,21 @@ int run_process()
     return ret;
 }
 
+// The manager home, MGR_QUIL_HOME followed by "/manager", must fit its buffer whole: a cut
+// one would put every data file somewhere else. A home too long for it is refused as a bad
+// MGR_QUIL_HOME, with the limit, on standard error.
+bool manager_home_fits(const char *home)
+{
+    constexpr std::string_view suffix = "/manager";
+    size_t length = strlen(home);
+    if (length + suffix.size() < sizeof(g_vk_manager_home))
+        return true;
+    fprintf(stderr, "[KTR-OSM-00010010][ERROR] Failed to get environment variable MGR_QUIL_HOME.[ret:%d]\n", -3);
+    fprintf(stderr, "[main] MGR_QUIL_HOME is %zu characters long; at most %zu fit with \"%.*s\" appended.\n", length,
+            sizeof(g_vk_manager_home) - 1 - suffix.size(), static_cast<int>(suffix.size()), suffix.data());
+    return false;
+}
+
 struct command_line_t {
     bool daemonize = false; // applied after the environment is read
     int debug = 0;
@@ -256,6 +275,8 @@ int main(int argc, char **argv)
     if (init_environment(home, sizeof(home)) < 0)
         return 0;
     vk_trim_ex(home, "\"");
+    if (!manager_home_fits(home))
+        return 0;
     if (cmd.daemonize)
         initdaemon();
     if (set_umask_from_env() < 0)

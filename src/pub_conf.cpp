@@ -61,6 +61,33 @@ int read_log_options(log_options_t *opts)
     return convert_env_path(opts->directory, opts->expanded, sizeof(opts->expanded));
 }
 
+// Sets the level option; false when the library does not know the value (the level in
+// force, or the preset's, stays).
+bool set_log_level(vklog_config_t *config, const char *value)
+{
+    return vklog_config_set(config, VKLOG_CFG_TYPE_LEVEL, static_cast<unsigned>(strlen(value)), value) == 0;
+}
+
+// An MGR_LOG_LEVEL value the library does not know ("INFO" in capitals, say) is said at
+// ERROR with the level in use, once per value: update_vklog comes by every 3 s. Main thread.
+void report_log_level(const char *func, const char *value, bool known)
+{
+    static char s_reported[sizeof(log_options_t::level)] = "";
+    static constexpr const char *names[] = {"none", "fatal", "error", "warn", "notice", "info", "debug", "trace"};
+    if (known || strcmp(s_reported, value) == 0) {
+        if (known)
+            s_reported[0] = '\0';
+        return;
+    }
+    vk_strlcpy(s_reported, value);
+    vklog_t *log = g_vklog.load();
+    if (log == nullptr)
+        return;
+    vklog_level_t used = log->level.load();
+    VKLOG_ERROR(log, "[%s] unknown MGR_LOG_LEVEL value[%s]; the level used is [%c%s].\n", func, value,
+                static_cast<char>(used.inequality_sign), names[used.value >= 0 && used.value < 8 ? used.value : 0]);
+}
+
 } // namespace
 
 // ---- properties preset table -------------------------------------------------
@@ -161,7 +188,7 @@ int init_vklog(int debug)
     config_set(config.get(), VKLOG_CFG_TYPE_INCLUDE_US_TO_TIME, "false");
     config_set(config.get(), VKLOG_CFG_TYPE_DIRECTORY, opts.expanded);
     config_set(config.get(), VKLOG_CFG_TYPE_FILENAME, opts.filename);
-    config_set(config.get(), VKLOG_CFG_TYPE_LEVEL, opts.level);
+    bool level_known = set_log_level(config.get(), opts.level);
     ret = vklog_initialize_with_config(config.release(), &err); // takes the configuration
     if (ret != 0) {
         printf("[init_vklog] vklog_initialize_with_config() has failed. (ret:%d, error_no:%d)\n", ret, err);
@@ -173,6 +200,7 @@ int init_vklog(int debug)
         return -3;
     }
     vklog_set_global_log_handle(cat);
+    report_log_level("init_vklog", opts.level, level_known);
     if (debug == 0) {
         // Console debug lines then land in the log file.
         vklog_set_global_log_console_debug_handle(cat);
@@ -229,7 +257,7 @@ int update_vklog()
                     opts.directory, opts.expanded);
     }
     config_set(config.get(), VKLOG_CFG_TYPE_FILENAME, opts.filename);
-    config_set(config.get(), VKLOG_CFG_TYPE_LEVEL, opts.level);
+    bool level_known = set_log_level(config.get(), opts.level);
     (void)vklog_config_finish(config.get());
     int err = 0;
     ret = vklog_apply_config(config.release(), &err); // takes the configuration
@@ -238,5 +266,6 @@ int update_vklog()
                     ret, err);
         return -3;
     }
+    report_log_level("update_vklog", opts.level, level_known);
     return 0;
 }

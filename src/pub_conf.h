@@ -58,13 +58,15 @@ int get_properties_preset(const char *key, char *dest, int size);
 // Sets up the category "quil-manager-agent" (file output in the configured directory,
 // name and level) as g_vklog, and the console debug handle. Returns 0; -1 the directory
 // cannot be expanded; -2 the library refuses the configuration; -3 the category is missing;
-// -4 the debug category cannot be set up. Failures print a line on standard output.
+// -4 the debug category cannot be set up. Failures print a line on standard output. A
+// level value the library does not know keeps the preset's level and is logged at ERROR.
 [[nodiscard]] int init_vklog(int debug);
 // Sets up the category "debug-mode" (standard output, exactly trace, time header) as the
 // console debug handle. Returns 0; -1 the configuration is refused; -2 the category is
 // missing. Failures print a line on standard output.
 [[nodiscard]] int init_vklog_debug_mode();
 // Re-applies the directory, file name and level options to the main category (a missing
-// directory is logged and the current one kept). Returns 0; -1 the directory cannot be
+// directory is logged and the current one kept; an unknown level value keeps the current
+// level and is logged at ERROR once per value). Returns 0; -1 the directory cannot be
 // expanded; -2 the configuration cannot be cloned; -3 the library refuses it.
 int update_vklog();

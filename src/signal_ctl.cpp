@@ -79,9 +79,13 @@ void vk_debug_logging()
 // context); the main loop acts on them in handle_pending_signals. Logging and exit from
 // inside a handler could deadlock on a lock the interrupted thread holds in the logging
 // library, and exit's hooks free memory, which signal context does not allow. Hang-ups are
-// counted, not flagged, so that each one still gets its line.
+// counted, not flagged, so that each one still gets its line. Stray user signals (which by
+// default would end the agent without a word, leaving its pid file behind) are counted the
+// same way and only logged.
 static std::atomic<unsigned> s_pending_hup{0};
 static std::atomic<unsigned> s_pending_stop{0};
+static std::atomic<unsigned> s_pending_usr1{0};
+static std::atomic<unsigned> s_pending_usr2{0};
 static_assert(std::atomic<unsigned>::is_always_lock_free, "set from signal context");
 
 void handle_pending_signals()
@@ -90,6 +94,10 @@ void handle_pending_signals()
         atexit(sigexit);
         VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00040040] SIGHUP sig caught\n");
     }
+    for (unsigned n = s_pending_usr1.exchange(0); n > 0; n--)
+        VKLOG_INFO(g_vklog.load(), "[handle_pending_signals] SIGUSR1 sig caught; ignored.\n");
+    for (unsigned n = s_pending_usr2.exchange(0); n > 0; n--)
+        VKLOG_INFO(g_vklog.load(), "[handle_pending_signals] SIGUSR2 sig caught; ignored.\n");
     if (s_pending_stop.exchange(0) > 0) {
         atexit(sigexit);
         signal(SIGSEGV, sigsegv);
@@ -106,6 +114,12 @@ void signal_handler(int signo)
     case SIGINT:
     case SIGTERM:
         s_pending_stop.fetch_add(1);
+        return;
+    case SIGUSR1:
+        s_pending_usr1.fetch_add(1);
+        return;
+    case SIGUSR2:
+        s_pending_usr2.fetch_add(1);
         return;
     default:
         break;

@@ -39,14 +39,17 @@ extern signal_debug_code_t g_signal_debug_code[SIGNAL_DEBUG_SLOT_COUNT];
 // Clears every slot (init_global_var). Cannot fail.
 void clear_signal_debug_code();
 
-// Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV and SIGTERM. SIGHUP, SIGINT
-// and SIGTERM are only counted as pending (safe in signal context) and acted on by
-// handle_pending_signals; the faults add the empty exit hook sigexit, log, dump the
-// breadcrumbs and exit(0) at once; any other number returns without a trace.
+// Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV, SIGTERM, SIGUSR1 and
+// SIGUSR2. SIGHUP, SIGINT, SIGTERM and the two user signals are only counted as pending
+// (safe in signal context) and acted on by handle_pending_signals; the faults add the empty
+// exit hook sigexit, log, dump the breadcrumbs and exit(0) at once; any other number returns
+// without a trace.
 void signal_handler(int signo);
 // Acts on the marked signals, on the main thread (the one-second loop calls it after every
-// sleep step, and a signal ends the step). Each adds sigexit as an exit hook; every SIGHUP logs one line; SIGINT and
-// SIGTERM log the SIGTERM line, dump the breadcrumbs and exit(0), which runs exit_handler.
+// sleep step, and a signal ends the step). Every SIGHUP adds sigexit as an exit hook and logs
+// one line; every SIGUSR1 and SIGUSR2 logs one INFO line and is otherwise ignored; SIGINT and
+// SIGTERM add sigexit, log the SIGTERM line, dump the breadcrumbs and exit(0), which runs
+// exit_handler.
 void handle_pending_signals();
 // Second-fault handlers installed by signal_handler: exit(0) at once, so that a fault
 // inside the dump ends the process instead of looping.

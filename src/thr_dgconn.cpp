@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,8 +44,8 @@ namespace
 constexpr int k_keepalive_idle_s = 60;
 constexpr int k_keepalive_interval_s = 10;
 constexpr int k_keepalive_count = 6;
-// Seconds a write may wait for a DG that does not read before it fails.
-constexpr int k_send_timeout_s = 30;
+// Milliseconds a packet's write may take in all, for a DG that does not read.
+constexpr int k_send_timeout_ms = 30000;
 // Connect failures in a row that are logged; later ones stay silent until a success.
 constexpr int k_logged_connect_failures = 3;
 
@@ -107,9 +108,7 @@ void set_socket_options(int sock)
     setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
     setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count));
     // A DG that keeps the connection but stops reading must not hold a writer (and with it
-    // the write lock the ping answer needs) for ever.
-    timeval send_timeout{k_send_timeout_s, 0};
-    setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof(send_timeout));
+    // the write lock the ping answer needs) for ever: Write bounds each packet as a whole.
 }
 
 // Starts the sender thread, detached with the worker stack size.
@@ -371,16 +370,34 @@ uint32_t get_send_queue_count()
 
 ssize_t Write(int socket, const void *buffer, size_t length, int flags)
 {
+    return write_within(socket, buffer, length, flags, k_send_timeout_ms);
+}
+
+ssize_t write_within(int socket, const void *buffer, size_t length, int flags, int timeout_ms)
+{
     if (socket < 0)
         return static_cast<ssize_t>(length);
     // A half-written packet would leave the DG reading the next packet from its middle, so
     // short writes are continued; MSG_NOSIGNAL turns a closed peer into EPIPE, not a signal.
+    // Each send takes what fits without waiting, and the waits for room between them share
+    // one deadline: a packet that needs many sends is bounded as a whole, not per send.
     const char *p = static_cast<const char *>(buffer);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     size_t done = 0;
     while (done < length) {
-        ssize_t n = send(socket, p + done, length - done, flags | MSG_NOSIGNAL);
+        ssize_t n = send(socket, p + done, length - done, flags | MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            pollfd room{socket, POLLOUT, 0};
+            int ready = left.count() > 0 ? poll(&room, 1, static_cast<int>(left.count())) : 0;
+            if (ready > 0 || (ready < 0 && errno == EINTR))
+                continue; // room, or an error the next send reports
+            if (ready == 0)
+                errno = ETIMEDOUT;
+        }
         if (n <= 0) {
             // Part of a packet is on the wire: the stream is cut, so end the connection
             // (the receive loop sees it and reconnects) rather than let the DG read on.
@@ -424,7 +441,12 @@ int send_buffer(int socket)
         if (n < 1) {
             VKLOG_INFO(g_vklog.load(), "[send_buffer] send error: %s(%d) (%d)\n", strerror(err), err,
                        static_cast<int>(n));
-            if (err != s_last_send_errno) {
+            // A stop closes the socket under the batch: the packets are dropped, but nothing
+            // failed that an operator should look into.
+            if (g_stop_the_world.load() != 0) {
+                VKLOG_INFO(g_vklog.load(), "[send_buffer] agent stopping; %d more queued packet(s) not sent.\n",
+                           static_cast<int>(count_vklist(&batch)));
+            } else if (err != s_last_send_errno) {
                 VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00080050] Packet send failed. (%d)\n", err);
                 s_last_send_errno = err;
             }

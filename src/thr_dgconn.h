@@ -83,7 +83,8 @@ int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length);
 // written whole under g_send_lock. Returns the number written, or -1 after a failed write,
 // which discards the rest of that batch (packets queued meanwhile stay queued). Each
 // failure is logged at INFO; a new errno also at ERROR "[KTR-OSM-00080050] ..." (once per
-// distinct errno until a write succeeds).
+// distinct errno until a write succeeds), except while the agent stops: a stop closes the
+// socket under the batch, which is not a send failure, and only the INFO line is logged.
 int send_buffer(int socket);
 // Drops every queued entry; the caller holds g_send_queue_lock.
 void clear_send_queue();
@@ -91,12 +92,15 @@ void clear_send_queue();
 void destroy_send_queue(void *entry);
 // Sets the reserved queue state (0 empties the queue). Nothing in the agent calls it.
 void send_buffer_switch(int state);
-// Writes the whole buffer (continuing after short writes and interrupts; never raises
-// SIGPIPE). A negative socket reports length without writing. Returns the bytes written, or
-// -1 with errno when the socket fails (0 for a zero length). A failure after part of the
-// buffer went out (the send time-out of a DG that stopped reading) returns the part and
-// shuts the socket down, since the DG would read the next packet from the middle of this one.
+// Writes the whole buffer within 30 s, all its send calls together (continuing after short
+// writes and interrupts; never raises SIGPIPE). A negative socket reports length without
+// writing. Returns the bytes written, or -1 with errno when the socket fails or nothing
+// went out in time (ETIMEDOUT) (0 for a zero length). A failure after part of the buffer
+// went out (a DG that stopped reading) returns the part and shuts the socket down, since
+// the DG would read the next packet from the middle of this one.
 ssize_t Write(int socket, const void *buffer, size_t length, int flags);
+// Write with its own bound in milliseconds for the whole buffer; Write uses 30000.
+ssize_t write_within(int socket, const void *buffer, size_t length, int flags, int timeout_ms);
 // Thread body of THR_DGCONN_SENDER: writes the queue while connected, at most every 100 ms
 // (a queued packet waits at most that long); with nothing queued it sleeps until a packet is
 // queued, looking at the stop flag once a second.

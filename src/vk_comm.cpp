@@ -444,18 +444,18 @@ namespace
 constexpr size_t k_ip_text_max = 64;
 constexpr size_t k_addr_out_min = 18; // room for an IPv6 address and its port
 
-// Low 16 bits of an all-digit decimal text; false for null, empty or any other character.
+// Low 16 bits of a port text that strtol (base 10) consumes whole: leading blanks and a sign
+// are allowed, the value is not range-checked ("-1" gives 65535). False for null, empty or
+// anything strtol stops short of.
 bool parse_port(const char *text, uint16_t *port)
 {
-    if (text == nullptr || *text == '\0')
+    if (text == nullptr)
         return false;
-    uint32_t value = 0;
-    for (const char *p = text; *p != '\0'; ++p) {
-        if (*p < '0' || *p > '9')
-            return false;
-        value = (value * 10 + static_cast<uint32_t>(*p - '0')) & 0xFFFF;
-    }
-    *port = static_cast<uint16_t>(value);
+    char *end = nullptr;
+    long value = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0')
+        return false;
+    *port = static_cast<uint16_t>(static_cast<unsigned long>(value) & 0xFFFF);
     return true;
 }
 

@@ -140,7 +140,8 @@ int vk_close_socket_debug(int sock, const char *caller_name);
 // followed by the low 16 bits of the port, high byte first. Returns 6 or 18, or
 //   -1 null out or out_size of 17 or less (even for IPv4);
 //   -2 null ip_text or ip_text of 64 characters or more;  -3 the address does not parse;
-//   -4 port_text null, empty or not all decimal digits.
+//   -4 port_text null, empty, or not consumed whole by strtol in base 10 (leading blanks and
+//      a sign are accepted: " 80", "+80", and "-1", which gives 65535).
 // out is untouched on failure.
 [[nodiscard]] int convert_ip_port_to_addr(const char *ip_text, const char *port_text, uint8_t *out,
                                           size_t out_size);

@@ -264,6 +264,11 @@ TEST_F(DaemonScenario, StartsThatEndAtOnce)
         {{}, env_with("MGR_QUIL_HOME=", ""), "", no_home + "0]\n"}, // unset, empty, 256 characters
         {{}, env_with("MGR_QUIL_HOME=", "MGR_QUIL_HOME="), "", no_home + "0]\n"},
         {{}, env_with("MGR_QUIL_HOME=", "MGR_QUIL_HOME=" + std::string(256, 'h')), "", no_home + "-3]\n"},
+        // Under 256, but too long to keep "/manager" after it.
+        {{},
+         env_with("MGR_QUIL_HOME=", "MGR_QUIL_HOME=" + std::string(248, 'h')),
+         "env MGR_QUIL_HOME(248)[" + std::string(248, 'h') + "]\nenv MGR_RECEIVER_ADDR(256)[127.0.0.1:1]\n",
+         no_home + "-3]\n[main] MGR_QUIL_HOME is 248 characters long; at most 247 fit with \"/manager\" appended.\n"},
         // The default log directory needs MGR_QUIL_MANAGER_HOME: start-up stops before the guard.
         {{},
          env_with("MGR_QUIL_MANAGER_HOME=", ""),

@@ -1,7 +1,8 @@
 // Fault scenarios with the real agent and quil-dg-sim: a connection lost in the middle of a
 // transfer, hostile bytes and floods, a burst of commands and a DG that stops reading (memory
-// stays flat), a full disk, a missing tmp directory, and scripts that hold the output pipe or
-// ignore SIGTERM. Each ends with the agent still answering pings.
+// stays flat), a full disk, a missing tmp directory, scripts that hold the output pipe or
+// ignore SIGTERM, and stray signals. Each ends with the agent still answering pings (the
+// last one then with a clean stop).
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>
@@ -311,6 +312,30 @@ TEST_F(DgFault, StopBetweenRunsAndAChunkAfterTheTransfer)
     EXPECT_EQ(read_file(manager + "/tmp/p2.bin"), read_file(patch));
     checked("a stop between stop.sh and the patch program runs nothing more; a late chunk is refused as out "
             "of order and leaves the finished file");
+}
+
+// SIGUSR1 and SIGUSR2 are logged at INFO and ignored. A SIGTERM in the middle of a flood of
+// queued answers then stops the agent cleanly: the batch the stop cuts off is no send failure.
+TEST_F(DgFault, StraySignalsAreIgnoredAndAStopIsNoSendFailure)
+{
+    connect();
+    for (int sig : {SIGUSR1, SIGUSR2})
+        ASSERT_EQ(kill(agent, sig), 0);
+    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR1 sig caught; ignored.\n"));
+    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR2 sig caught; ignored.\n"));
+    EXPECT_TRUE(ping_answered());
+
+    for (int i = 0; i < 3000; i++) // timezone answers go through the send queue
+        ASSERT_TRUE(sim->send("timezone"));
+    ASSERT_TRUE(sim->wait_for(recv_of(40001)));
+    ASSERT_EQ(kill(agent, SIGTERM), 0);
+    int status = -1;
+    ASSERT_TRUE(eventually([&] { return waitpid(agent, &status, WNOHANG) == agent; }, 15s));
+    agent = 0;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(contains(log(), "[KTR-OSM-00040050] SIGTERM sig caught.\n"));
+    EXPECT_FALSE(contains(log(), "Packet send failed")) << log();
+    checked("SIGUSR1/SIGUSR2 logged and ignored, pings answered; a stop under load logs no send failure");
 }
 
 } // namespace

@@ -136,6 +136,17 @@ TEST_F(BootstrapTest, FileAndTableValuesReachTheLog)
     EXPECT_EQ(level(), VKLOG_LEVEL_DEBUG);
     VKLOG_DEBUG(g_vklog.load(), "[pub_conf_test] debug line after refresh\n");
     EXPECT_TRUE(contains(log_text(), "[pub_conf_test] debug line after refresh\n"));
+
+    // A value the library does not know keeps the level and is said once per value.
+    const std::string unknown = "[update_vklog] unknown MGR_LOG_LEVEL value[INFO]; the level used is [<debug].\n";
+    ASSERT_EQ(update_conf_value_for_key(g_conf_handle, "MGR_LOG_LEVEL", "INFO", 4), 0);
+    ASSERT_EQ(update_vklog(), 0);
+    ASSERT_EQ(update_vklog(), 0);
+    EXPECT_EQ(level(), VKLOG_LEVEL_DEBUG);
+    std::string text = log_text();
+    size_t at = text.find(unknown);
+    EXPECT_NE(at, std::string::npos) << text;
+    EXPECT_EQ(text.find(unknown, at + 1), std::string::npos) << "once per value";
 }
 
 } // namespace

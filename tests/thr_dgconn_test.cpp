@@ -6,6 +6,9 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <chrono>
+#include <thread>
+
 #include "agent_home.h"
 #include "dg_capture.h"
 
@@ -84,10 +87,56 @@ TEST_F(SendQueue, FailedWriteEndsItsBatchAndLogsEachErrnoOnce)
     EXPECT_EQ(send_buffer(fresh.agent), -1);
     EXPECT_EQ(log_count("[KTR-OSM-00080050] Packet send failed. (" + std::to_string(EPIPE) + ")"), 2u);
 
-    // A batch taken before the connection went down is not written to the old socket.
-    add_to_send_buffer(1, packet_of('g'), 32);
+    // A batch taken before the connection went down is not written to the old socket; while
+    // the agent stops that is no send failure, only a note of what was dropped.
+    const std::string not_connected = "[KTR-OSM-00080050] Packet send failed. (" + std::to_string(ENOTCONN) + ")";
     g_dg_sock.store(dg.agent + 1000);
-    EXPECT_EQ(send_buffer(fresh.agent), -1);
+    for (int stopping : {1, 0}) {
+        g_stop_the_world.store(stopping);
+        add_to_send_buffer(1, packet_of('g'), 32);
+        add_to_send_buffer(1, packet_of('h'), 32);
+        EXPECT_EQ(send_buffer(fresh.agent), -1);
+        EXPECT_EQ(log_count(not_connected), stopping != 0 ? 0u : 1u);
+    }
+    EXPECT_EQ(log_count("[send_buffer] agent stopping; 1 more queued packet(s) not sent."), 1u);
+}
+
+// The 30 s bound of Write covers the whole packet: a DG that reads a little now and then
+// does not stretch it. A late packet that is partly out cuts the stream; one that could not
+// start leaves the connection usable.
+TEST(DGConnection, WriteBoundsTheWholePacket)
+{
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    std::thread drip([peer = fds[1]] {
+        char buf[65536];
+        while (read(peer, buf, sizeof(buf)) > 0)
+            usleep(50000);
+    });
+    std::vector<char> packet(16 << 20, 'x');
+    auto start = std::chrono::steady_clock::now();
+    ssize_t n = write_within(fds[0], packet.data(), packet.size(), 0, 300);
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GT(n, 0);
+    EXPECT_LT(n, static_cast<ssize_t>(packet.size()));
+    EXPECT_LT(took, std::chrono::seconds(3)) << "one deadline, not one per send";
+    EXPECT_EQ(send(fds[0], "x", 1, MSG_NOSIGNAL), -1) << "the cut stream is shut down";
+    drip.join();
+    close(fds[0]);
+    close(fds[1]);
+
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    while (send(fds[0], packet.data(), 65536, MSG_DONTWAIT) > 0) {
+    } // nothing more fits
+    errno = 0;
+    EXPECT_EQ(write_within(fds[0], "abc", 3, 0, 100), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    char buf[65536];
+    while (recv(fds[1], buf, sizeof(buf), MSG_DONTWAIT) > 0) {
+    }
+    EXPECT_EQ(Write(fds[0], "abc", 3, 0), 3) << "not cut: the connection stays usable";
+    close(fds[0]);
+    close(fds[1]);
 }
 
 TEST(DGConnection, ConnectsToAListenerAndRefusesAClosedPort)

@@ -289,10 +289,15 @@ TEST(VkCommAddress, ConvertIpStrAndIpPortToAddr)
     EXPECT_EQ(convert_ip_port_to_addr(nullptr, nullptr, out, 18), -2);
     EXPECT_EQ(convert_ip_port_to_addr(std::string(64, '1').c_str(), "80", out, 18), -2);
     EXPECT_EQ(convert_ip_port_to_addr("fe80::zz", nullptr, out, 18), -3);
-    for (const char *port : {"", "-1", static_cast<const char *>(nullptr)}) {
-        EXPECT_EQ(convert_ip_port_to_addr("1.2.3.4", port, out, 18), -4);
+    for (const char *port : {"", " ", "+", "80 ", "0x50", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(convert_ip_port_to_addr("1.2.3.4", port, out, 18), -4) << (port ? port : "null");
     }
     EXPECT_EQ(out[0], 0xEE);
+    // The port is what strtol reads from the whole text, not range-checked.
+    for (const auto &[port, value] : {std::pair{"+80", 80}, {" 80", 80}, {"-1", 0xFFFF}, {"\t65617", 81}}) {
+        ASSERT_EQ(convert_ip_port_to_addr("1.2.3.4", port, out, 18), 6) << port;
+        EXPECT_EQ(out[4] << 8 | out[5], value) << port;
+    }
 }
 
 // Both print to stdout: getIPFromDomain its refusals, vk_close_socket_debug the socket it closes.

@@ -26,10 +26,9 @@ namespace
 
 constexpr mode_t s_out_dir_mode = 0750;
 constexpr size_t s_backup_suffix_room = 12; // "." + a decimal int + terminator
-// Every this many lines the file's size is taken from the file itself rather than counted,
-// so that appends by other writers of the same file (another process, another category)
-// count towards the limit within that many lines.
-constexpr uint32_t s_size_check_lines = 64;
+// After a failure to write the file, lines are dropped for this long before the next one
+// tries again: a file that cannot be written costs one attempt a second, not one a line.
+constexpr int64_t s_retry_pause_ms = 1000;
 
 // Serialises applying configurations (the creation of categories above all) and the
 // library's set-up and end; s_reload_lock guards the manager's reload fields.
@@ -350,8 +349,8 @@ int vl_get_last_backup_index(const char *backup_path, int *last_index)
     int rc = vl_scan_backups(backup_path, [&](const char *path, int number) {
         struct stat st {
         };
-        if (stat(path, &st) != 0)
-            return;
+        if (lstat(path, &st) != 0 || !S_ISREG(st.st_mode))
+            return; // a link or anything else planted under a backup's name does not steer the ring
         const timespec &t = st.st_mtim;
         bool newer =
             t.tv_sec > best_time.tv_sec || (t.tv_sec == best_time.tv_sec && t.tv_nsec > best_time.tv_nsec);
@@ -383,7 +382,7 @@ int vl_is_limit_size(const char *path, unsigned int limit_size)
 {
     struct stat st {
     };
-    if (path == nullptr || stat(path, &st) != 0)
+    if (path == nullptr || lstat(path, &st) != 0)
         return 0;
     return (static_cast<unsigned long long>(st.st_size) >> 20) >= limit_size ? 1 : 0;
 }
@@ -402,13 +401,13 @@ int vl_file_backup(const vklog_config_t *config, vklog_output_file_t *output_fil
     idx++;
     if (idx <= 0 || static_cast<unsigned int>(idx) > config->backup_count)
         idx = 1;
-    output_file->backup_idx.store(idx, std::memory_order_relaxed);
     char name[8192 + s_backup_suffix_room];
     snprintf(name, sizeof(name), "%s.%d", config->backup_path, idx);
-    if (access(name, F_OK) == 0 && vl_file_remove_vklog(name) != 0)
-        return -2;
+    if (vl_file_remove_vklog(name) != 0 && errno != ENOENT)
+        return -2; // the name itself is removed, never what a link there points to
     if (rename(config->out_path, name) != 0)
         return -3;
+    output_file->backup_idx.store(idx, std::memory_order_relaxed); // a failed try uses up no number
     return 0;
 }
 
@@ -416,30 +415,90 @@ int vl_file_backup(const vklog_config_t *config, vklog_output_file_t *output_fil
 namespace
 {
 
-// The file's size once this line's `written` bytes are in. Most lines add their bytes to
-// the size counted so far; the file is asked (fstat) when the size is not known and every
-// s_size_check_lines lines. A count that is too high (the file was renamed, removed or
-// truncated by someone else) only makes the rotation look at the file again, which puts
-// the right size back. -1 when fstat fails.
-int64_t vl_size_after_line(vklog_output_file_t *output, int fd, size_t written)
+// Milliseconds of the monotonic clock: the pause after a failure does not follow the wall
+// clock when it is set.
+int64_t vl_now_ms()
 {
-    uint32_t line = output->size_lines.fetch_add(1, std::memory_order_relaxed);
-    if (line % s_size_check_lines != 0) {
-        int64_t known = output->size.load(std::memory_order_relaxed);
-        auto n = static_cast<int64_t>(written);
-        while (known >= 0)
-            if (output->size.compare_exchange_weak(known, known + n, std::memory_order_relaxed))
-                return known + n;
-    }
-    struct stat st {
-    };
-    if (fstat(fd, &st) != 0)
-        return -1;
-    output->size.store(st.st_size, std::memory_order_relaxed);
-    return st.st_size;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Only the thread that claims the rotation goes on; the others keep writing.
+// Whether this line may try the file. A healthy output always may; a failing one lets one
+// line a second try (the one that moves the retry time on), and the others are dropped
+// without touching the file. *retrying tells the winner that the last attempt failed.
+bool vl_attempt_allowed(vklog_output_file_t *output, bool *retrying)
+{
+    *retrying = output->failing.load(std::memory_order_acquire) != 0;
+    if (!*retrying)
+        return true;
+    int64_t now = vl_now_ms();
+    int64_t at = output->retry_at_ms.load(std::memory_order_relaxed);
+    return now >= at &&
+           output->retry_at_ms.compare_exchange_strong(at, now + s_retry_pause_ms, std::memory_order_relaxed);
+}
+
+// The file cannot be written: lines are dropped until the pause is over. Logging is what
+// failed, so the first failure of a run says so on standard error, once, with the reason;
+// `detail_line` (the library's own message for this failure, or null) goes with it.
+void vl_output_failed(const vklog_config_t *config, vklog_output_file_t *output, const char *why,
+                      const char *detail_line)
+{
+    output->retry_at_ms.store(vl_now_ms() + s_retry_pause_ms, std::memory_order_relaxed);
+    if (output->failing.exchange(1, std::memory_order_acq_rel) != 0)
+        return;
+    if (detail_line != nullptr)
+        fputs(detail_line, stderr);
+    fprintf(stderr,
+            "[vklog] log file %s cannot be written: %s. Its lines are dropped; it is tried again every "
+            "second.\n",
+            config->out_path, why);
+}
+
+void vl_output_recovered(const vklog_config_t *config, vklog_output_file_t *output)
+{
+    if (output->failing.load(std::memory_order_relaxed) != 0 &&
+        output->failing.exchange(0, std::memory_order_acq_rel) != 0)
+        fprintf(stderr, "[vklog] log file %s is written again.\n", config->out_path);
+}
+
+// Not an errno value: the log path names something other than a regular file.
+constexpr int s_not_regular = -1;
+
+// Why an open of the log file failed, in words.
+const char *vl_open_failure(int error)
+{
+    if (error == ELOOP)
+        return "it is a symbolic link, which is never followed";
+    if (error == s_not_regular || error == ENXIO || error == EOPNOTSUPP)
+        return "it is not a regular file";
+    return strerror(error);
+}
+
+// Opens the log file for appending: never through a symbolic link at its name, never
+// blocking (a FIFO without a reader fails at once), and only a regular file is kept.
+// Returns the descriptor with the file's state in *st, or -1 with *error set (an errno
+// value, or s_not_regular).
+int vl_open_log_file(const vklog_config_t *config, struct stat *st, int *error)
+{
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    vl_fd_t fd(open(config->out_path, flags, config->file_permission));
+    if (fd.fd < 0 || fstat(fd.fd, st) != 0) {
+        *error = errno;
+        return -1;
+    }
+    if (!S_ISREG(st->st_mode)) {
+        *error = s_not_regular; // a FIFO with a reader, a device: never written to
+        return -1;
+    }
+    int out = fd.fd;
+    fd.fd = -1;
+    return out;
+}
+
+// Only the thread that claims the rotation goes on; the others keep writing. A failure
+// releases the claim: the output then pauses, and the first line after the pause tries
+// the rotation again before it writes.
 int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_file, int *err_no)
 {
     {
@@ -451,7 +510,6 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
     // The size seen by the caller may be that of a file another thread has just rotated
     // away; look at the current file again so that one full file gives one rotation.
     if (vl_is_limit_size(config->out_path, config->limit_size) == 0) {
-        output_file->size.store(-1, std::memory_order_relaxed); // counted too high: ask the file
         output_file->backup_work.store(0, std::memory_order_release);
         return 0;
     }
@@ -460,8 +518,10 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
     if (config->backup_dir[0] != '\0' && stat(config->backup_dir, &st) != 0 && config->out_dir[0] != '\0' &&
         vl_make_directory(config->out_dir) != 0) {
         int e = errno;
-        fprintf(stderr, "backup dir[%s] is not make.[(%d)%s]\n", config->out_dir, e, strerror(e));
-        output_file->backup_work.store(0, std::memory_order_release); // tried again at a later line
+        char line[4096 + 64];
+        snprintf(line, sizeof(line), "backup dir[%s] is not make.[(%d)%s]\n", config->out_dir, e, strerror(e));
+        output_file->backup_work.store(0, std::memory_order_release);
+        vl_output_failed(config, output_file, "its backup directory cannot be made", line);
         return -2;
     }
     int rc = 0;
@@ -469,15 +529,20 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
         std::lock_guard<vklog_lock_t> hold(vl_fd_lock(output_file));
         rc = vl_file_backup(config, output_file);
     }
+    output_file->backup_work.store(0, std::memory_order_release);
     if (rc != 0) {
         output_file->err_no.store(rc, std::memory_order_relaxed);
         if (err_no != nullptr)
             *err_no = rc;
-        return -3; // backup_work stays 1: no further rotation is tried
+        vl_output_failed(config, output_file, "it has reached its size limit and the rotation failed", nullptr);
+        return -3;
     }
-    output_file->size.store(-1, std::memory_order_relaxed); // a new file from the next line on
-    output_file->backup_work.store(0, std::memory_order_release);
     return 0;
+}
+
+bool vl_is_full(const vklog_config_t *config, int64_t size)
+{
+    return (static_cast<unsigned long long>(size) >> 20) >= config->limit_size;
 }
 
 } // namespace
@@ -485,24 +550,45 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
 int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *output_file, int *err_no,
                           const char *buffer, size_t length)
 {
+    bool retrying = false;
+    if (!vl_attempt_allowed(output_file, &retrying))
+        return 0; // paused after a failure: the line is dropped
+    // The pause may follow a failed rotation: a full file is rotated before it grows on.
+    if (retrying && vl_is_limit_size(config->out_path, config->limit_size) != 0) {
+        int rc = vl_rotate_claimed(config, output_file, err_no);
+        if (rc != 0)
+            return rc;
+    }
     // Opened per line so that an external rename or removal of the file takes effect at
     // the next line; O_APPEND keeps concurrent lines whole.
-    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
-    vl_fd_t fd(open(config->out_path, flags, config->file_permission));
-    if (fd.fd < 0 && errno == ENOENT && config->out_dir[0] != '\0') {
+    struct stat st {
+    };
+    int error = 0;
+    vl_fd_t fd(vl_open_log_file(config, &st, &error));
+    if (fd.fd < 0 && error == ENOENT && config->out_dir[0] != '\0') {
         if (mkdir(config->out_dir, s_out_dir_mode) != 0 && errno != EEXIST) {
             int e = errno;
-            fprintf(stderr, "out dir[%s] is not make.[(%d)%s]\n", config->out_dir, e, strerror(e));
+            char line[4096 + 64];
+            snprintf(line, sizeof(line), "out dir[%s] is not make.[(%d)%s]\n", config->out_dir, e, strerror(e));
+            vl_output_failed(config, output_file, "its directory cannot be made", line);
             return -1;
         }
-        fd.fd = open(config->out_path, flags, config->file_permission);
+        fd.fd = vl_open_log_file(config, &st, &error);
     }
-    if (fd.fd < 0)
-        return 0; // the line is lost; the next line tries again
+    if (fd.fd < 0) {
+        vl_output_failed(config, output_file, vl_open_failure(error), nullptr);
+        return 0;
+    }
     size_t written = vl_write_all(fd.fd, buffer, length);
-    int64_t size = vl_size_after_line(output_file, fd.fd, written);
-    bool full = size >= 0 && (static_cast<unsigned long long>(size) >> 20) >= config->limit_size;
-    if (!full || output_file->backup_work.load(std::memory_order_acquire) != 0)
+    if (written < length) {
+        vl_output_failed(config, output_file, strerror(errno), nullptr); // a full disk, a size limit
+        return 0;
+    }
+    vl_output_recovered(config, output_file);
+    // The size the file had when opened plus this line: a line that brings the file to
+    // its limit rotates it at once, and appends by other writers count as they happen.
+    if (!vl_is_full(config, st.st_size + static_cast<int64_t>(written)) ||
+        output_file->backup_work.load(std::memory_order_acquire) != 0)
         return 0;
     return vl_rotate_claimed(config, output_file, err_no);
 }
@@ -535,8 +621,8 @@ void vl_reset_output_file(vklog_output_file_t *output, vklog_lock_t *fd_lock)
     output->err_no.store(0);
     output->backup_idx.store(0);
     output->backup_work.store(0);
-    output->size.store(-1);
-    output->size_lines.store(0);
+    output->failing.store(0);
+    output->retry_at_ms.store(0);
     // A slot's lock never changes; a slot reused after vklog_fini keeps its pointer, so a
     // call still in flight on a stale handle never reads it while it is written.
     if (output->fd_lock != fd_lock)
@@ -616,8 +702,11 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         free_old = old != nullptr && --old->count_in_use == 0;
     }
     cat->level.store(config->level, std::memory_order_relaxed);
-    if (other_file)
-        cat->output_file.size.store(-1, std::memory_order_relaxed); // ask the new file its size
+    if (other_file) {
+        // A new file is tried at its first line, and a failure of it is reported anew.
+        cat->output_file.failing.store(0, std::memory_order_relaxed);
+        cat->output_file.retry_at_ms.store(0, std::memory_order_relaxed);
+    }
     if (free_old)
         vklog_config_free(old);
     return 0;
@@ -658,8 +747,6 @@ void vl_file_output(vklog_t *cat, const vklog_config_t *config, const char *text
     int rc = vl_va_log_file_writer(config, &cat->output_file, &err_no, text, length);
     if (rc != 0)
         cat->last_error.store(rc, std::memory_order_relaxed);
-    if (rc == -3)
-        cat->activate.store(0, std::memory_order_relaxed); // rotation failed: stop before the disk fills
 }
 
 int vl_write_line(vklog_t *cat, vklog_config_t *config, uint8_t output, const char *file, size_t file_len,
@@ -675,8 +762,10 @@ int vl_write_line(vklog_t *cat, vklog_config_t *config, uint8_t output, const ch
     if (hlen < 0)
         return -1;
     size_t room = space - static_cast<size_t>(hlen);
-    int n = vsnprintf(text + hlen, room, format, ap); // a long message is cut, still terminated
+    int n = vsnprintf(text + hlen, room, format, ap);
     size_t length = static_cast<size_t>(hlen) + (n < 0 ? 0 : static_cast<size_t>(n) < room ? n : room - 1);
+    if (n > 0 && static_cast<size_t>(n) >= room && length > static_cast<size_t>(hlen))
+        text[length - 1] = '\n'; // a long message is cut, but still ends its line
     if (udp) {
         size_t total = vl_vklogger_set_packet_finish_from_config(config, buffer, length, start);
         if (vl_va_log_send_to_vklogger(&cat->output_vklogger, buffer, total) != 0)
@@ -733,8 +822,8 @@ struct vl_hex_out_t {
         if (used > 0 && (output & VKLOG_OUTPUT_FILE) != 0) {
             int err_no = 0;
             int rc = vl_hex_buffer_writer(config, &cat->output_file, &err_no, buffer);
-            if (rc == -3)
-                cat->activate.store(0, std::memory_order_relaxed);
+            if (rc != 0)
+                cat->last_error.store(rc, std::memory_order_relaxed);
         }
         if (used > 0 && (output & VKLOG_OUTPUT_STDOUT) != 0)
             vl_write_all(STDOUT_FILENO, buffer, used);

@@ -130,11 +130,11 @@ struct vklog_output_file_t {
     std::atomic<int> backup_idx;
     std::atomic<int> backup_work;
     vklog_lock_t *fd_lock;
-    // The file's size after the last line: taken from fstat, then advanced by the bytes each
-    // line writes, so most lines need no fstat. -1 when not known (the next line asks).
-    std::atomic<int64_t> size{-1};
-    // Lines written since the size was last taken from the file (see vl_va_log_file_writer).
-    std::atomic<uint32_t> size_lines;
+    // 1 while the file cannot be written (it could not be opened, is a link or not a regular
+    // file, a write or a rotation failed): lines are dropped, and the first line at or after
+    // retry_at_ms (monotonic clock) tries the file again. Back to 0 at the next written line.
+    std::atomic<int> failing;
+    std::atomic<int64_t> retry_at_ms;
 };
 
 struct vklog_vklogger_perf_data_t {
@@ -183,7 +183,8 @@ int vklog_initialize_with_config(vklog_config_t *config, int *err);
 int vklog_initialize_with_default_config(const char *name, int *err);
 // Remembers `path` (reload allowed), loads the file and applies every configuration in it
 // in order. 0 (*err holds the last apply error, if any); or the load's code: -11 cannot be
-// opened (errno in *err), -12 "[" without "]", -13 value too long, -14 invalid level;
+// opened (errno in *err; a symbolic link or anything but a regular file is reported at
+// ERROR and counts as missing, ENOENT), -12 "[" without "]", -13 value too long, -14 invalid level;
 // after a failed load nothing is applied.
 int vklog_initialize_with_config_file(const char *path, int *err);
 // Reloads the remembered file when reload is allowed and its modification time changed.
@@ -239,10 +240,11 @@ int vklog_disable(vklog_t *cat);
 int vklog_enable_from_config_name(const char *name);
 int vklog_disable_from_config_name(const char *name);
 
-// Writes one line (no level filtering here: the macros filter). 0 (also for an inactive
-// category, and when an output fails: the file writer's failure goes to last_error, and a
-// failed rotation disables the category); -1 null category or header failure; -2 no
-// configuration (after vklog_fini).
+// Writes one line (no level filtering here: the macros filter); a message longer than the
+// line buffer is cut and still ends with a newline. 0 (also for an inactive category, and
+// when an output fails: the file writer's failure goes to last_error, the failure is said
+// once on standard error, and the file is tried again at most once a second until it can
+// be written); -1 null category or header failure; -2 no configuration (after vklog_fini).
 int vklog(vklog_t *cat, const char *file, size_t file_len, const char *func, size_t func_len, long line,
           int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
 // Writes a header, the title and a hex dump of `size` bytes, `hex_print_column_count` bytes

@@ -11,8 +11,10 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -417,6 +419,36 @@ struct vl_file_closer_t {
     void operator()(FILE *f) const { fclose(f); }
 };
 
+// Opens a configuration file for reading: never through a symbolic link at its name, never
+// blocking on a FIFO, and only a regular file. Anything else counts as missing (null, errno
+// ENOENT) and is reported at ERROR, on standard error while no program log exists yet.
+FILE *vl_open_conf_file(const char *path)
+{
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0 && errno != ELOOP)
+        return nullptr;
+    struct stat st {
+    };
+    const char *why = fd < 0 ? "is a symbolic link" : fstat(fd, &st) != 0 ? "cannot be examined" : nullptr;
+    if (why == nullptr && !S_ISREG(st.st_mode))
+        why = "is not a regular file";
+    if (why == nullptr) {
+        FILE *file = fdopen(fd, "r");
+        if (file == nullptr)
+            close(fd);
+        return file;
+    }
+    if (fd >= 0)
+        close(fd);
+    vklog_t *log = g_vklog.load(std::memory_order_acquire);
+    if (log != nullptr)
+        VKLOG_ERROR(log, "[vl_load_config_from_conf_file] %s %s; read as missing.\n", path, why);
+    else
+        fprintf(stderr, "[vl_load_config_from_conf_file] %s %s; read as missing.\n", path, why);
+    errno = ENOENT;
+    return nullptr;
+}
+
 // A "[name]" line: a new configuration from the DEFAULT preset. 0, -12, or -11 (memory).
 int vl_conf_section(std::string_view line, vl_conf_list_t *list)
 {
@@ -490,7 +522,7 @@ vklog_config_t *vl_load_config_from_conf_file(const char *path, int *rc, int *er
     int err_local = 0;
     rc = rc != nullptr ? rc : &rc_local;
     err = err != nullptr ? err : &err_local;
-    std::unique_ptr<FILE, vl_file_closer_t> file(path != nullptr ? fopen(path, "re") : nullptr);
+    std::unique_ptr<FILE, vl_file_closer_t> file(path != nullptr ? vl_open_conf_file(path) : nullptr);
     struct stat st {
     };
     if (file == nullptr || fstat(fileno(file.get()), &st) != 0) {

@@ -58,12 +58,16 @@ vklog_t *vl_find_category(std::string_view name);
                                             size_t file_len, const char *func, size_t func_len, long line,
                                             char *header, size_t size);
 // Appends one line to the configuration's file and rotates when it has reached its limit.
-// 0; -1 the log directory could not be made; -2 the backup directory could not be made;
-// -3 the rotation failed (its code in *err_no; rotation stays claimed so no later line
-// tries again). A failed open loses the line silently and returns 0.
+// The file is opened without following a symbolic link and without blocking, and written
+// only when it is a regular file. 0; -1 the log directory could not be made; -2 the backup
+// directory could not be made; -3 the rotation failed (its code in *err_no). After any
+// failure (these, and a file that cannot be opened or written, which return 0) the output
+// pauses: lines are dropped for a second, then the next line tries again (a full file is
+// rotated first). The first failure of a run is said once on standard error.
 [[nodiscard]] int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *output_file,
                                         int *err_no, const char *buffer, size_t length);
-// 1 when `path` exists and its size in MiB (size >> 20) is at least `limit_size`, else 0.
+// 1 when `path` exists (a link at it counts by its own size) and its size in MiB (size >> 20)
+// is at least `limit_size`, else 0.
 int vl_is_limit_size(const char *path, unsigned int limit_size);
 // Rotates the current file into the backup ring. 0; -1 removing the file (no backups kept)
 // failed; -2 removing the backup to be replaced failed; -3 the rename failed.
@@ -82,6 +86,8 @@ int vl_hex_buffer_writer(const vklog_config_t *config, vklog_output_file_t *outp
 
 // ---- configuration (vklog_config) -----------------------------------------
 // Loads a configuration file into a list (linked by `next`, in file order), each finished.
+// The file is opened without following a symbolic link and without blocking; a link, a
+// FIFO or anything else but a regular file is reported at ERROR and counts as missing.
 // On failure returns null with *rc -11 (open failed, errno in *err), -12 bracket without
 // closing bracket, -13 value too long, -14 invalid level; nothing read is kept. On success
 // *rc is 0 (and null is returned for a file without sections).

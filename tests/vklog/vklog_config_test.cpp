@@ -4,8 +4,9 @@
 
 #include <cstring>
 #include <functional>
-#include <sstream>
 #include <memory>
+#include <sstream>
+#include <sys/stat.h>
 
 namespace
 {
@@ -149,10 +150,23 @@ TEST_F(VklogConfigFile, SectionsKeysCommentsAndDefaults)
 
 TEST_F(VklogConfigFile, ErrorsFailTheWholeLoadAndOverlongInputIsBounded)
 {
-    int rc = 0, err = 0;
-    EXPECT_EQ(vl_load_config_from_conf_file(path("absent").c_str(), &rc, &err), nullptr);
-    EXPECT_EQ(rc, -11);
-    EXPECT_EQ(err, ENOENT);
+    // A link or a FIFO at the name counts as missing (a FIFO would block a plain open) and is
+    // named on standard error while no program log exists.
+    vt::write_file(path("real.conf"), "[ok]\n");
+    ASSERT_EQ(symlink(path("real.conf").c_str(), path("link.conf").c_str()), 0);
+    ASSERT_EQ(mkfifo(path("fifo.conf").c_str(), 0600), 0);
+    for (std::string name : {"absent", "link.conf", "fifo.conf"}) {
+        testing::internal::CaptureStderr();
+        int rc = 0, err = 0;
+        EXPECT_EQ(vl_load_config_from_conf_file(path(name).c_str(), &rc, &err), nullptr) << name;
+        EXPECT_EQ(rc, -11) << name;
+        EXPECT_EQ(err, ENOENT) << name;
+        std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(said.find(path(name) + (name == "link.conf" ? " is a symbolic link" : " is not a regular")) !=
+                      std::string::npos,
+                  name != "absent")
+            << said;
+    }
     load("[ok]\nlevel=info\n[broken\nlevel=info\n", -12);
     load("[ok]\nlevel=info\n[second]\nlevel=none\n", -14);
     load("[ok]\ndirectory=" + std::string(1023, 'd') + "\n", -13);
