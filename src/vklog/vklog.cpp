@@ -62,12 +62,16 @@ struct vl_dir_closer_t {
     void operator()(DIR *d) const { closedir(d); }
 };
 
-// The number of bytes written (short of `length` when write fails).
+// The number of bytes written (short of `length` when the write fails). The log file is
+// open with O_APPEND, and pwrite on such a descriptor appends on Linux wherever the offset
+// points; on a FIFO, a socket or a terminal it fails with ESPIPE. So a log path that became
+// something other than a regular file between two of the fstat checks below is never
+// written to either.
 size_t vl_write_all(int fd, const char *data, size_t length)
 {
     size_t done = 0;
     while (done < length) {
-        ssize_t n = write(fd, data + done, length - done);
+        ssize_t n = pwrite(fd, data + done, length - done, 0);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -475,25 +479,48 @@ const char *vl_open_failure(int error)
     return strerror(error);
 }
 
-// Opens the log file for appending: never through a symbolic link at its name, never
-// blocking (a FIFO without a reader fails at once), and only a regular file is kept.
-// Returns the descriptor with the file's state in *st, or -1 with *error set (an errno
-// value, or s_not_regular).
-int vl_open_log_file(const vklog_config_t *config, struct stat *st, int *error)
+// Opens the log file for appending: never through a symbolic link at its name and never
+// blocking (a FIFO without a reader fails at once). Whether it is a regular file is seen by
+// vl_size_after_line and, between its checks, by the write itself. Returns the descriptor,
+// or -1 with *error set to errno.
+int vl_open_log_file(const vklog_config_t *config, int *error)
 {
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    vl_fd_t fd(open(config->out_path, flags, config->file_permission));
-    if (fd.fd < 0 || fstat(fd.fd, st) != 0) {
+    int fd = open(config->out_path, flags, config->file_permission);
+    if (fd < 0)
         *error = errno;
+    return fd;
+}
+
+// Every this many lines the file's size is taken from the file itself rather than counted,
+// so that appends by other writers of the same file (another process, another category)
+// count towards the limit within that many lines.
+constexpr uint32_t s_size_check_lines = 64;
+
+// The file's size once this line's `written` bytes are in. Most lines add their bytes to
+// the size counted so far; the file is asked (fstat) when the size is not known and every
+// s_size_check_lines lines. A count that is too high (the file was renamed, removed or
+// truncated by someone else) only makes the rotation look at the file again, which puts
+// the right size back. -1 with *error set when fstat fails or the file is not a regular one.
+int64_t vl_size_after_line(vklog_output_file_t *output, int fd, size_t written, int *error)
+{
+    uint32_t line = output->size_lines.fetch_add(1, std::memory_order_relaxed);
+    if (line % s_size_check_lines != 0) {
+        int64_t known = output->size.load(std::memory_order_relaxed);
+        auto n = static_cast<int64_t>(written);
+        while (known >= 0)
+            if (output->size.compare_exchange_weak(known, known + n, std::memory_order_relaxed))
+                return known + n;
+    }
+    struct stat st {
+    };
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *error = S_ISREG(st.st_mode) ? errno : s_not_regular;
+        output->size.store(-1, std::memory_order_relaxed);
         return -1;
     }
-    if (!S_ISREG(st->st_mode)) {
-        *error = s_not_regular; // a FIFO with a reader, a device: never written to
-        return -1;
-    }
-    int out = fd.fd;
-    fd.fd = -1;
-    return out;
+    output->size.store(st.st_size, std::memory_order_relaxed);
+    return st.st_size;
 }
 
 // Only the thread that claims the rotation goes on; the others keep writing. A failure
@@ -508,8 +535,10 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
         output_file->backup_work.store(1, std::memory_order_relaxed);
     }
     // The size seen by the caller may be that of a file another thread has just rotated
-    // away; look at the current file again so that one full file gives one rotation.
+    // away, or counted too high; look at the current file again so that one full file gives
+    // one rotation.
     if (vl_is_limit_size(config->out_path, config->limit_size) == 0) {
+        output_file->size.store(-1, std::memory_order_relaxed); // counted too high: ask the file
         output_file->backup_work.store(0, std::memory_order_release);
         return 0;
     }
@@ -529,6 +558,7 @@ int vl_rotate_claimed(const vklog_config_t *config, vklog_output_file_t *output_
         std::lock_guard<vklog_lock_t> hold(vl_fd_lock(output_file));
         rc = vl_file_backup(config, output_file);
     }
+    output_file->size.store(-1, std::memory_order_relaxed); // a new file from the next line on
     output_file->backup_work.store(0, std::memory_order_release);
     if (rc != 0) {
         output_file->err_no.store(rc, std::memory_order_relaxed);
@@ -561,10 +591,8 @@ int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *out
     }
     // Opened per line so that an external rename or removal of the file takes effect at
     // the next line; O_APPEND keeps concurrent lines whole.
-    struct stat st {
-    };
     int error = 0;
-    vl_fd_t fd(vl_open_log_file(config, &st, &error));
+    vl_fd_t fd(vl_open_log_file(config, &error));
     if (fd.fd < 0 && error == ENOENT && config->out_dir[0] != '\0') {
         if (mkdir(config->out_dir, s_out_dir_mode) != 0 && errno != EEXIST) {
             int e = errno;
@@ -573,7 +601,7 @@ int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *out
             vl_output_failed(config, output_file, "its directory cannot be made", line);
             return -1;
         }
-        fd.fd = vl_open_log_file(config, &st, &error);
+        fd.fd = vl_open_log_file(config, &error);
     }
     if (fd.fd < 0) {
         vl_output_failed(config, output_file, vl_open_failure(error), nullptr);
@@ -581,14 +609,20 @@ int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *out
     }
     size_t written = vl_write_all(fd.fd, buffer, length);
     if (written < length) {
-        vl_output_failed(config, output_file, strerror(errno), nullptr); // a full disk, a size limit
+        // A full disk or a size limit; ESPIPE: a FIFO or other non-file took the log's name.
+        output_file->size.store(-1, std::memory_order_relaxed);
+        vl_output_failed(config, output_file, errno == ESPIPE ? vl_open_failure(s_not_regular) : strerror(errno),
+                         nullptr);
+        return 0;
+    }
+    int64_t size = vl_size_after_line(output_file, fd.fd, written, &error);
+    if (size < 0) {
+        vl_output_failed(config, output_file, vl_open_failure(error), nullptr);
         return 0;
     }
     vl_output_recovered(config, output_file);
-    // The size the file had when opened plus this line: a line that brings the file to
-    // its limit rotates it at once, and appends by other writers count as they happen.
-    if (!vl_is_full(config, st.st_size + static_cast<int64_t>(written)) ||
-        output_file->backup_work.load(std::memory_order_acquire) != 0)
+    // A line that brings the file to its limit rotates it at once.
+    if (!vl_is_full(config, size) || output_file->backup_work.load(std::memory_order_acquire) != 0)
         return 0;
     return vl_rotate_claimed(config, output_file, err_no);
 }
@@ -623,6 +657,8 @@ void vl_reset_output_file(vklog_output_file_t *output, vklog_lock_t *fd_lock)
     output->backup_work.store(0);
     output->failing.store(0);
     output->retry_at_ms.store(0);
+    output->size.store(-1);
+    output->size_lines.store(0);
     // A slot's lock never changes; a slot reused after vklog_fini keeps its pointer, so a
     // call still in flight on a stale handle never reads it while it is written.
     if (output->fd_lock != fd_lock)
@@ -706,6 +742,7 @@ int vl_swap_config(vklog_t *cat, vklog_config_t *config, int *err)
         // A new file is tried at its first line, and a failure of it is reported anew.
         cat->output_file.failing.store(0, std::memory_order_relaxed);
         cat->output_file.retry_at_ms.store(0, std::memory_order_relaxed);
+        cat->output_file.size.store(-1, std::memory_order_relaxed); // ask the new file its size
     }
     if (free_old)
         vklog_config_free(old);

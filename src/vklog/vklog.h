@@ -135,6 +135,11 @@ struct vklog_output_file_t {
     // retry_at_ms (monotonic clock) tries the file again. Back to 0 at the next written line.
     std::atomic<int> failing;
     std::atomic<int64_t> retry_at_ms;
+    // The file's size after the last line: taken from fstat, then advanced by the bytes each
+    // line writes, so most lines need no fstat. -1 when not known (the next line asks).
+    std::atomic<int64_t> size{-1};
+    // Lines written since the size was last taken from the file.
+    std::atomic<uint32_t> size_lines;
 };
 
 struct vklog_vklogger_perf_data_t {
