@@ -259,10 +259,7 @@ bool only(const std::vector<std::string> &names, std::initializer_list<std::stri
 void reset(const setup_t &s)
 {
     FUZZ_CHECK(init_chunk_hash() == 0);
-    {
-        std::lock_guard<vklock_t> guard(g_send_queue_lock);
-        clear_send_queue();
-    }
+    clear_send_queue();
     g_ncnt_timesync = 0;
     memset(g_narr_difftime, 0, sizeof(g_narr_difftime));
     set_manager_id("");

@@ -35,6 +35,12 @@ namespace
 
 constexpr const char *k_agent_name = "quil-manager-agent";
 
+// The one-second loop's periods, in seconds of the wall clock.
+constexpr time_t k_refresh_period_s = 3;     // logging settings and the pid file's presence
+constexpr time_t k_timesync_period_s = 3600; // a time-sync request
+// A tick further ahead than this means the wall clock was set back.
+constexpr time_t k_clock_set_back_s = 59;
+
 // Prints the version banner and the usage text on standard output and exits with `code`.
 // The usage line leaves out -c although the list below it names it.
 [[noreturn]] void usage_exit(const char *program, int code)
@@ -113,7 +119,7 @@ timeval wait_for_tick(const timeval &tick)
     timeval now{};
     gettimeofday(&now, nullptr);
     while (time_before(now, tick)) {
-        if (tick.tv_sec - now.tv_sec > 59) {
+        if (tick.tv_sec - now.tv_sec > k_clock_set_back_s) {
             VKLOG_INFO(g_vklog.load(), "[process_main] check GMT \n");
             send_req_timesync();
             break;
@@ -128,7 +134,7 @@ timeval wait_for_tick(const timeval &tick)
 // Work of one tick at wall-clock second `now` (multiples of the epoch, not of the start).
 void run_tick(time_t now, const char *pid_path)
 {
-    if (now % 3 == 0) {
+    if (now % k_refresh_period_s == 0) {
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
         update_vklog();
         if (access(pid_path, F_OK) != 0) {
@@ -138,7 +144,7 @@ void run_tick(time_t now, const char *pid_path)
             vk_sleep(3000);
         }
     }
-    if (now % 3600 == 0)
+    if (now % k_timesync_period_s == 0)
         send_req_timesync();
     int interval = get_conf_value_int_for_idx(g_conf_handle, MGR_CONF_INTERVAL_INFO_LOG);
     if (interval != 0 && now % interval == 0)

@@ -19,6 +19,8 @@
 #include <mutex>
 
 #include "global_var.h"
+#include "vk_list.h"
+#include "vk_lock.h"
 #include "on_demand.h"
 #include "pkt_proto/proto_send.h"
 #include "pub_func.h"
@@ -31,13 +33,40 @@ std::atomic<int> g_dg_sock{0};
 std::atomic<int> g_dg_is_connection{0};
 std::atomic<int> g_remote_conf_is_initialize{0};
 
-vklist_t *g_send_queue = nullptr;
-vklock_t g_send_queue_lock;
-vklock_t g_send_lock;
-std::atomic<int> g_send_queue_act_flag{0};
-
 namespace
 {
+
+// One queued packet. A message type of 0 marks an entry dropped unsent.
+struct send_queue_entry_t {
+    uint32_t message_type;
+    uint64_t length; // whole packet, headers included
+    char *packet;    // malloc'd; owned by the entry
+};
+
+vklist_t *g_send_queue = nullptr;  // guarded by g_send_queue_lock; null until created
+vklock_t g_send_queue_lock;        // guards g_send_queue
+vklock_t g_send_lock;              // serialises writes on the DG socket
+std::atomic<int> g_send_queue_act_flag{0}; // 0 inactive, 1 active; a reserved control
+
+// Frees a queue entry and its packet; the list's release function.
+void destroy_send_queue(void *entry)
+{
+    auto *e = static_cast<send_queue_entry_t *>(entry);
+    if (e == nullptr)
+        return;
+    free(e->packet);
+    free(e);
+}
+
+// Drops every queued entry; the caller holds g_send_queue_lock.
+void clear_send_queue_locked()
+{
+    if (g_send_queue == nullptr)
+        return;
+    VKLOG_TRACE(g_vklog_console_debug.load(), "[clear_send_queue] send queue count[%d]\n",
+                static_cast<int>(count_vklist(g_send_queue)));
+    clean_vklist(g_send_queue, destroy_send_queue);
+}
 
 // Keepalive: a peer that vanished without a word is noticed after about 60 + 6 * 10 s,
 // and the receive loop's error path reconnects.
@@ -131,7 +160,6 @@ int connect_and_identify(int *failures)
     g_dg_sock.store(0);
     g_remote_conf_is_initialize.store(0);
     {
-        std::lock_guard<vklock_t> guard(g_send_queue_lock);
         clear_send_queue();
     }
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
@@ -319,15 +347,6 @@ int create_send_queue()
     return g_send_queue != nullptr ? 0 : -1;
 }
 
-void destroy_send_queue(void *entry)
-{
-    auto *e = static_cast<send_queue_entry_t *>(entry);
-    if (e == nullptr)
-        return;
-    free(e->packet);
-    free(e);
-}
-
 int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
 {
     std::unique_ptr<char, decltype(&free)> owned(packet, &free);
@@ -355,11 +374,14 @@ int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
 
 void clear_send_queue()
 {
-    if (g_send_queue == nullptr)
-        return;
-    VKLOG_TRACE(g_vklog_console_debug.load(), "[clear_send_queue] send queue count[%d]\n",
-                static_cast<int>(count_vklist(g_send_queue)));
-    clean_vklist(g_send_queue, destroy_send_queue);
+    std::lock_guard<vklock_t> guard(g_send_queue_lock);
+    clear_send_queue_locked();
+}
+
+ssize_t dg_write_direct(int socket, const void *packet, size_t length)
+{
+    std::lock_guard<vklock_t> guard(g_send_lock);
+    return Write(socket, packet, length, 0);
 }
 
 uint32_t get_send_queue_count()
@@ -469,7 +491,7 @@ void send_buffer_switch(int state)
         return;
     if (state == 0) {
         std::lock_guard<vklock_t> queue_guard(g_send_queue_lock);
-        clear_send_queue();
+        clear_send_queue_locked();
     }
     VKLOG_TRACE(g_vklog_console_debug.load(), "[send_buffer_switch] change stat[%s->%s]\n", name(old), name(state));
     g_send_queue_act_flag.store(state);

@@ -2,19 +2,17 @@
 // identifies the agent, publishes the socket, reads and dispatches every packet and
 // reconnects after any failure; the sender thread THR_DGCONN_SENDER writes the send queue,
 // which any thread fills through add_to_send_buffer while a connection is up.
-// Thread safety: add_to_send_buffer may be called from any thread. g_dg_sock and
-// g_dg_is_connection are written by the connection thread only (socket before flag) and
-// read anywhere. Every write on the socket happens under g_send_lock; the queue list is
-// guarded by g_send_queue_lock; only the reserved send_buffer_switch holds both (the write
-// lock first).
+// Thread safety: add_to_send_buffer and dg_write_direct may be called from any thread.
+// g_dg_sock and g_dg_is_connection are written by the connection thread only (socket before
+// flag) and read anywhere. The queue and the socket's write lock are this unit's own: every
+// write on the socket happens under the write lock; the queue list has a lock of its own;
+// only the reserved send_buffer_switch holds both (the write lock first).
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <sys/types.h>
 
-#include "vk_list.h"
-#include "vk_lock.h"
 
 struct sockaddr_in;
 
@@ -60,18 +58,6 @@ int close_socket(int socket);
 inline constexpr uint32_t SEND_QUEUE_MAX = 2000;  // entries; beyond that packets are dropped
 inline constexpr int SENDER_INTERVAL_MS = 100;
 
-// One queued packet. A message type of 0 marks an entry dropped unsent.
-struct send_queue_entry_t {
-    uint32_t message_type;
-    uint64_t length; // whole packet, headers included
-    char *packet;    // malloc'd; owned by the entry
-};
-
-extern vklist_t *g_send_queue;      // guarded by g_send_queue_lock; null until created
-extern vklock_t g_send_queue_lock;  // guards g_send_queue
-extern vklock_t g_send_lock;        // serialises writes on the DG socket
-extern std::atomic<int> g_send_queue_act_flag; // 0 inactive, 1 active; a reserved control
-
 // Creates the send queue once (later calls keep it). Returns 0, or -1 when it cannot be
 // allocated.
 [[nodiscard]] int create_send_queue();
@@ -86,12 +72,15 @@ int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length);
 // distinct errno until a write succeeds), except while the agent stops: a stop closes the
 // socket under the batch, which is not a send failure, and only the INFO line is logged.
 int send_buffer(int socket);
-// Drops every queued entry; the caller holds g_send_queue_lock.
+// Drops every queued entry (under the queue's lock). Cannot fail.
 void clear_send_queue();
-// Frees a queue entry and its packet; the list's release function.
-void destroy_send_queue(void *entry);
-// Sets the reserved queue state (0 empties the queue). Nothing in the agent calls it.
+// Sets the reserved queue state (0 empties the queue). Part of the queue's interface;
+// nothing in the agent calls it.
 void send_buffer_switch(int state);
+// Writes one packet at once, bypassing the queue, under the socket's write lock (as Write
+// bounds it): the identity message of the handshake and the ping answer. Returns Write's
+// result.
+ssize_t dg_write_direct(int socket, const void *packet, size_t length);
 // Writes the whole buffer within 30 s, all its send calls together (continuing after short
 // writes and interrupts; never raises SIGPIPE). A negative socket reports length without
 // writing. Returns the bytes written, or -1 with errno when the socket fails or nothing

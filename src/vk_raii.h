@@ -52,6 +52,14 @@ template <typename T> vk_unique_malloc<T> vk_alloc_zeroed(size_t count = 1)
     return vk_unique_malloc<T>(static_cast<T *>(calloc(count, sizeof(T))));
 }
 
+// An uninitialised array of `count` plain items on the heap (a workspace the caller fills),
+// or null when memory is short.
+template <typename T> vk_unique_malloc<T[]> vk_alloc_array(size_t count)
+{
+    static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>, "plain items only");
+    return vk_unique_malloc<T[]>(static_cast<T *>(malloc(count * sizeof(T))));
+}
+
 // A heap copy of a plain record, or null when memory is short.
 template <typename T> vk_unique_malloc<T> vk_alloc_copy(const T &from)
 {

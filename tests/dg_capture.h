@@ -62,10 +62,7 @@ struct fake_dg {
     {
         g_dg_is_connection.store(0);
         g_dg_sock.store(0);
-        {
-            std::lock_guard<vklock_t> guard(g_send_queue_lock);
-            clear_send_queue();
-        }
+        clear_send_queue();
         if (agent >= 0)
             close(agent);
         if (dg >= 0)

@@ -22,11 +22,19 @@
 #include "version.h"
 #include "vk_address_info.h"
 #include "vk_os_info.h"
+#include "vk_raii.h"
 #include "vk_time.h"
 #include "vklog.h"
 
 namespace
 {
+
+// The fixed items of the agent information message: what this agent is to the DG.
+constexpr const char *k_agent_type_name = "quil-manager-agent";
+constexpr int32_t k_agent_kind = 4;              // a manager agent
+constexpr int32_t k_agent_mode = 1;
+constexpr uint32_t k_protocol_version = 20241111; // the DG protocol this agent speaks
+constexpr int32_t k_os_kind = 4;                  // Linux
 
 using packet_ptr = std::unique_ptr<char, decltype(&free)>;
 
@@ -72,7 +80,13 @@ int send_manager_agent_info(int socket)
     get_os_info_machine_id(machine_id, sizeof(machine_id));
     get_os_info_os_version(os_version, sizeof(os_version));
 
-    auto workspace = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
+    auto workspace = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    auto encoded = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    if (!workspace || !encoded) {
+        VKLOG_ERROR(g_vklog.load(), "[send_manager_agent_info] common_req_agent_info_message_new failed. buffer size: %d\n",
+                    PROTO_WORKSPACE_SIZE);
+        return -1;
+    }
     common_req_agent_info_message_t *message =
         common_req_agent_info_message_new(workspace.get(), PROTO_WORKSPACE_SIZE);
     if (message == nullptr) {
@@ -81,14 +95,14 @@ int send_manager_agent_info(int socket)
         return -1;
     }
     message->agent_time = vk_get_time_msec();
-    message->agent_type_name = "quil-manager-agent";
+    message->agent_type_name = k_agent_type_name;
     message->agent_version = get_manager_agent_version();
-    message->agent_kind = 4;
-    message->agent_mode = 1;
-    message->protocol_version = 20241111;
+    message->agent_kind = k_agent_kind;
+    message->agent_mode = k_agent_mode;
+    message->protocol_version = k_protocol_version;
     message->host_name = host_name;
     message->machine_id = machine_id;
-    message->os_kind = 4;
+    message->os_kind = k_os_kind;
     message->os_version = os_version;
     message->boot_time = g_agent_boot_time;
 
@@ -133,7 +147,6 @@ int send_manager_agent_info(int socket)
     message->custom_infos.length = filled;
     VKLOG_INFO(g_vklog.load(), "[send_manager_agent_info] custom_infos length(%d)\n", filled);
 
-    auto encoded = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
     int size = common_req_agent_info_message_encode(message, encoded.get(), PROTO_WORKSPACE_SIZE);
     if (size < 0) {
         VKLOG_ERROR(g_vklog.load(), "[send_manager_agent_info] common_req_agent_info_message_encode failed(%d). buffer size: %d\n",
@@ -144,12 +157,8 @@ int send_manager_agent_info(int socket)
     int length = wrap_dg_packet(&raw, encoded.get(), size, MSG_AGENT_INFO);
     packet_ptr packet(raw, &free);
     if (!packet)
-        return 0;
-    ssize_t written;
-    {
-        std::lock_guard<vklock_t> guard(g_send_lock);
-        written = Write(socket, packet.get(), static_cast<size_t>(length), 0);
-    }
+        return 0; // no memory for the frame: nothing is written, and the handshake goes on
+    ssize_t written = dg_write_direct(socket, packet.get(), static_cast<size_t>(length));
     if (written <= 0)
         return -7;
     if (written < length)
@@ -165,11 +174,7 @@ ssize_t send_res_ping(int socket)
     packet_ptr packet(raw, &free);
     if (!packet)
         return 0;
-    ssize_t ret;
-    {
-        std::lock_guard<vklock_t> guard(g_send_lock);
-        ret = Write(socket, packet.get(), static_cast<size_t>(length), 0);
-    }
+    ssize_t ret = dg_write_direct(socket, packet.get(), static_cast<size_t>(length));
     VKLOG_DEBUG(g_vklog.load(), "[send_res_ping] ping.(%d)\n", static_cast<int>(ret));
     return ret;
 }
@@ -303,8 +308,11 @@ int send_res_command(const cmd_info_t *record, int phase)
 {
     if (record == nullptr)
         return -1;
-    auto workspace = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
-    res_command_message_t *message = res_command_message_new(workspace.get(), PROTO_WORKSPACE_SIZE);
+    auto workspace = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    auto text = vk_alloc_array<char>(CMD_RESULT_MESSAGE_SIZE);
+    auto encoded = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    res_command_message_t *message =
+        workspace && text && encoded ? res_command_message_new(workspace.get(), PROTO_WORKSPACE_SIZE) : nullptr;
     if (message == nullptr) {
         VKLOG_ERROR(g_vklog.load(), "[send_res_command] res_command_message_new failed. buffer size: %d\n",
                     PROTO_WORKSPACE_SIZE);
@@ -312,7 +320,6 @@ int send_res_command(const cmd_info_t *record, int phase)
     }
     char manager_id[MANAGER_ID_LEN + 1];
     copy_manager_id(manager_id);
-    auto text = std::make_unique<char[]>(CMD_RESULT_MESSAGE_SIZE);
     utf8_sanitize(record->result_message, text.get(), CMD_RESULT_MESSAGE_SIZE);
     message->manager_id = manager_id;
     message->time = static_cast<uint64_t>(vk_get_time_msec());
@@ -324,7 +331,6 @@ int send_res_command(const cmd_info_t *record, int phase)
     message->agent_type = record->agent_type;
     message->result = record->result;
     message->result_message = text.get();
-    auto encoded = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
     int size = res_command_message_encode(message, encoded.get(), PROTO_WORKSPACE_SIZE);
     if (size < 0) {
         VKLOG_ERROR(g_vklog.load(), "[send_res_command] res_command_message_encode failed(%d). buffer size: %d\n",
@@ -356,8 +362,10 @@ int send_target_agent_info()
     }
     if (count > MAX_AGENT_COUNT)
         count = MAX_AGENT_COUNT;
-    auto workspace = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
-    target_agent_info_message_t *message = target_agent_info_message_new(workspace.get(), PROTO_WORKSPACE_SIZE);
+    auto workspace = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    auto encoded = vk_alloc_array<uint8_t>(PROTO_WORKSPACE_SIZE);
+    target_agent_info_message_t *message =
+        workspace && encoded ? target_agent_info_message_new(workspace.get(), PROTO_WORKSPACE_SIZE) : nullptr;
     if (message == nullptr) {
         VKLOG_ERROR(g_vklog.load(), "[send_target_agent_info] target_agent_info_message_new failed. buffer size: %d\n",
                     PROTO_WORKSPACE_SIZE);
@@ -380,7 +388,6 @@ int send_target_agent_info()
         message->target_agent_infos.items_p[i].agent_id = ids[i];
         VKLOG_DEBUG(g_vklog.load(), "[send_target_agent_info][%d/%d] agent_id[%s]\n", i, count, ids[i]);
     }
-    auto encoded = std::make_unique<uint8_t[]>(PROTO_WORKSPACE_SIZE);
     int size = target_agent_info_message_encode(message, encoded.get(), PROTO_WORKSPACE_SIZE);
     if (size < 0) {
         VKLOG_ERROR(g_vklog.load(), "[send_target_agent_info] target_agent_info_message_encode failed(%d). buffer size: %d\n",
