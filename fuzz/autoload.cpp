@@ -3,10 +3,12 @@
 // model of its reads says (512-byte reads, each trimmed and cut at 255 characters, at most
 // 64), then every stored path goes through set_agent_id_to_list (most point nowhere), and
 // the input's first 64 bytes, written as an id file of the home, must register with the id
-// a model of the first-line read gives (at most 39 characters, cut at 36).
+// a model of the first-line read gives (at most 39 characters, cut at 36, without its line
+// end), or be refused with -4 when that id is not valid UTF-8.
 #include "fuzz_support.h"
 #include "global_var.h"
 #include "util.h"
+#include "vk_string.h"
 
 #include <mutex>
 #include <string_view>
@@ -88,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_json_agent_count = 0;
     for (int i = 0; i < g_auto_load_count; i++) {
         int idx = set_agent_id_to_list(g_vk_auto_load_path[i]);
-        FUZZ_CHECK(idx >= -3 && idx < MAX_AGENT_COUNT);
+        FUZZ_CHECK(idx >= -4 && idx < MAX_AGENT_COUNT);
     }
     check_registry();
 
@@ -99,7 +101,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(idx == -2 && g_json_agent_count == before);
         return 0;
     }
-    const std::string_view id = cut_at_nul(first_read(id_bytes, k_id_read_size).substr(0, AGENT_ID_LEN));
+    std::string_view id = cut_at_nul(first_read(id_bytes, k_id_read_size).substr(0, AGENT_ID_LEN));
+    id = id.substr(0, id.find_first_of("\r\n"));
+    if (idx == -4) {
+        FUZZ_CHECK(!vk_is_utf8(id) && g_json_agent_count == before);
+        return 0;
+    }
     if (idx == -3) { // only a full registry without this id refuses it
         FUZZ_CHECK(before == MAX_AGENT_COUNT && g_json_agent_count == before);
         for (int i = 0; i < before; i++)
