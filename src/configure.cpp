@@ -273,7 +273,8 @@ int save_config_file(configure_t *handle, const char *path)
     size_t used = 0;
     for (int i = 0; i < handle->count && used < size; i++) {
         const conf_option_t &opt = handle->options[i];
-        int n = snprintf(text.get() + used, size - used, "%s=%s\n", opt.name, opt.value != nullptr ? opt.value : "");
+        int n = snprintf(text.get() + used, size - used, "%s=%s\n", opt.name,
+                         opt.value != nullptr ? opt.value : "");
         used += n > 0 ? static_cast<size_t>(n) : 0;
     }
     guard.unlock();

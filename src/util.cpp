@@ -97,7 +97,8 @@ int open_pid_file(const char *path)
     struct stat st {
     };
     if (fd < 0 && err == ELOOP && lstat(path, &st) == 0 && S_ISLNK(st.st_mode))
-        VKLOG_ERROR(g_vklog.load(), "[check_double_execution] file(%s) is a symbolic link: not followed.\n", path);
+        VKLOG_ERROR(g_vklog.load(), "[check_double_execution] file(%s) is a symbolic link: not followed.\n",
+                    path);
     if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
         VKLOG_ERROR(g_vklog.load(), "[check_double_execution] file(%s) is not a regular file.\n", path);
         close(fd);
@@ -154,11 +155,12 @@ int check_double_execution(const char *process_name, const char *display_name)
     if (written != static_cast<ssize_t>(sizeof(record))) {
         // Without a record a later start could not tell that this agent runs.
         int err = written < 0 ? errno : ENOSPC;
-        fprintf(stderr, "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n",
+        fprintf(stderr,
+                "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n",
                 path, err);
         VKLOG_ERROR(g_vklog.load(),
-                    "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n", path,
-                    err);
+                    "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n",
+                    path, err);
         return 4;
     }
     s_pid_fd = file.fd;
@@ -260,10 +262,11 @@ int save_manager_id(const char *id)
     if (vk_write_file_atomic(path, text, static_cast<size_t>(n), 0644) != 0) {
         int err = errno;
         s_manager_id_unsaved.store(1);
-        VKLOG_ERROR(g_vklog.load(),
-                    "[save_manager_id] file(%s) save failed (%d): the id is kept in memory and saved at the next "
-                    "handshake.\n",
-                    path, err);
+        VKLOG_ERROR(
+            g_vklog.load(),
+            "[save_manager_id] file(%s) save failed (%d): the id is kept in memory and saved at the next "
+            "handshake.\n",
+            path, err);
         return -1;
     }
     s_manager_id_unsaved.store(0);
@@ -289,8 +292,8 @@ int set_agent_id_to_list(const char *path)
     // The list goes to the DG as protobuf strings: one id that is not text would make a
     // strict decoder refuse the whole list.
     if (!vk_is_utf8(line)) {
-        VKLOG_ERROR(g_vklog.load(), "[set_agent_id_to_list] file(%s) id is not valid UTF-8: left out of the list.\n",
-                    path);
+        VKLOG_ERROR(g_vklog.load(),
+                    "[set_agent_id_to_list] file(%s) id is not valid UTF-8: left out of the list.\n", path);
         return -4;
     }
     int count = std::clamp(g_json_agent_count, 0, MAX_AGENT_COUNT);

@@ -149,9 +149,10 @@ int vk_open_read(const char *path, unsigned rules, const char *who)
         return refuse(fd, EINVAL);
     }
     if ((rules & VK_OPEN_ROOT_OWNED) != 0 && geteuid() == 0 && (st.st_uid != 0 || (st.st_mode & 022) != 0)) {
-        vk_report_error("[%s] file(%s) refused: owner uid %u, mode %04o. An agent running as root reads it only "
-                        "when root owns it and group and others cannot write it.\n",
-                        who, path, static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_mode & 07777));
+        vk_report_error(
+            "[%s] file(%s) refused: owner uid %u, mode %04o. An agent running as root reads it only "
+            "when root owns it and group and others cannot write it.\n",
+            who, path, static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_mode & 07777));
         return refuse(fd, EPERM);
     }
     int flags = fcntl(fd, F_GETFL);

@@ -60,7 +60,11 @@ bool vk_is_utf8(std::string_view text)
     while (p < end) {
         const unsigned c = *p;
         // Lead byte: the sequence length and the smallest code point it may carry.
-        size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+        size_t n = c < 0x80             ? 1
+                   : (c & 0xE0) == 0xC0 ? 2
+                   : (c & 0xF0) == 0xE0 ? 3
+                   : (c & 0xF8) == 0xF0 ? 4
+                                        : 0;
         if (n == 0 || static_cast<size_t>(end - p) < n)
             return false;
         constexpr uint32_t k_min[5] = {0, 0, 0x80, 0x800, 0x10000};
