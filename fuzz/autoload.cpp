@@ -5,10 +5,12 @@
 // in order. Every stored path then
 // goes through set_agent_id_to_list (most point nowhere), and the input's first 64 bytes,
 // written as an id file of the home, must register as the start of its first line (at most 36
-// characters) or be refused only by a full registry; the registry stays distinct and bounded.
+// characters, no line end), be refused as not UTF-8 (-4), or be refused only by a full
+// registry; the registry stays distinct and bounded.
 #include "fuzz_support.h"
 #include "global_var.h"
 #include "util.h"
+#include "vk_string.h"
 
 #include <mutex>
 
@@ -67,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_json_agent_count = 0;
     for (int i = 0; i < g_auto_load_count; i++) {
         int idx = set_agent_id_to_list(g_vk_auto_load_path[i]);
-        FUZZ_CHECK(idx >= -3 && idx < MAX_AGENT_COUNT);
+        FUZZ_CHECK(idx >= -4 && idx < MAX_AGENT_COUNT);
     }
     check_registry();
 
@@ -78,6 +80,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(idx == -2 && g_json_agent_count == before);
         return 0;
     }
+    if (idx == -4) { // not text: left out
+        FUZZ_CHECK(g_json_agent_count == before);
+        return 0;
+    }
     if (idx == -3) { // only a full registry refuses an id
         FUZZ_CHECK(before == MAX_AGENT_COUNT && g_json_agent_count == before);
         return 0;
@@ -85,7 +91,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(idx >= 0 && idx < g_json_agent_count);
     FUZZ_CHECK(g_json_agent_count == (idx == before ? before + 1 : before));
     const std::string_view id(g_json_agent_info[idx].agent_id);
-    const size_t line_end = id.find('\n');
-    FUZZ_CHECK(input.starts_with(id) && (line_end == std::string_view::npos || line_end + 1 == id.size()));
+    FUZZ_CHECK(input.starts_with(id) && id.find_first_of("\r\n") == std::string_view::npos && vk_is_utf8(id));
     return 0;
 }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "vk_byteorder.h"
+#include "vk_file.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -36,6 +37,10 @@ struct file_closer {
     void operator()(FILE *f) const { fclose(f); }
 };
 using unique_file = std::unique_ptr<FILE, file_closer>;
+
+// The option file steers a root agent's log: never through a link, only a regular file, and
+// for root only one that root owns and no one else may write.
+constexpr unsigned k_conf_open_rules = VK_OPEN_NOFOLLOW | VK_OPEN_ROOT_OWNED;
 
 // One read of the file: at most 4095 characters.
 constexpr int k_line_size = 4096;
@@ -217,7 +222,7 @@ int load_config_file(configure_t *handle, const char *path)
 {
     if (handle == nullptr || path == nullptr)
         return -1;
-    unique_file file(fopen(path, "r"));
+    unique_file file(vk_fopen_read(path, k_conf_open_rules, "load_config_file"));
     if (!file) {
         VKLOG_INFO(g_vklog.load(), "[load_config_file] File(%s) open Failed(%d)\n", path, errno);
         return -2;
@@ -242,7 +247,7 @@ int reload_config_file(configure_t *handle, const char *path)
         return -1;
     if (isFileChange(path, &handle->last_write_time) == 0)
         return -2;
-    unique_file file(fopen(path, "r"));
+    unique_file file(vk_fopen_read(path, k_conf_open_rules, "reload_config_file"));
     if (!file) {
         VKLOG_INFO(g_vklog.load(), "[reload_config_file] File(%s) open failed [errno: %d]\n", path, errno);
         return -3;
@@ -259,28 +264,25 @@ int save_config_file(configure_t *handle, const char *path)
 {
     if (handle == nullptr || path == nullptr)
         return -1;
-    char tmp_path[1024 + 8];
-    if (snprintf(tmp_path, sizeof(tmp_path), "%s.tmp", path) >= static_cast<int>(sizeof(tmp_path)))
+    std::shared_lock guard(handle->lock);
+    // serial_size counts each value plus 80 bytes, more than a name, "=" and "\n" take.
+    size_t size = static_cast<size_t>(std::max(handle->serial_size, 0)) + 1;
+    std::unique_ptr<char, decltype(&free)> text(static_cast<char *>(malloc(size)), free);
+    if (!text)
         return -2;
-    unique_file file(fopen(tmp_path, "w"));
-    if (!file)
-        return -2;
-    {
-        std::shared_lock guard(handle->lock);
-        for (int i = 0; i < handle->count; i++) {
-            const conf_option_t &opt = handle->options[i];
-            fprintf(file.get(), "%s=%s\n", opt.name, opt.value != nullptr ? opt.value : "");
-        }
+    size_t used = 0;
+    for (int i = 0; i < handle->count && used < size; i++) {
+        const conf_option_t &opt = handle->options[i];
+        int n = snprintf(text.get() + used, size - used, "%s=%s\n", opt.name,
+                         opt.value != nullptr ? opt.value : "");
+        used += n > 0 ? static_cast<size_t>(n) : 0;
     }
-    // A short write must not replace a good file.
-    bool failed = ferror(file.get()) != 0;
-    failed = fclose(file.release()) != 0 || failed;
-    if (failed) {
-        unlink(tmp_path);
+    guard.unlock();
+    if (used >= size)
         return -2;
-    }
-    rename(tmp_path, path);
-    return 0;
+    // A short write must not replace a good file; a failing rename is not reported.
+    int ret = vk_write_file_atomic(path, text.get(), used, 0666);
+    return ret == -1 || ret == -2 || ret == -3 ? -2 : 0;
 }
 
 // ---- readers and updaters ---------------------------------------------------

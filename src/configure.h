@@ -62,15 +62,19 @@ struct configure_t {
 void destroy_configure(configure_t *handle);
 
 // Overlays the file on the option values (every known name, whatever its type) and stores
-// the file's mtime. Returns 0; -1 null argument; -2 the file cannot be opened (logged).
+// the file's mtime. Returns 0; -1 null argument; -2 the file cannot be opened (logged):
+// missing, a symbolic link, not a regular file, or, for an agent running as root, owned by
+// another user or writable by group or others (vk_open_read; the values stay as they were).
 int load_config_file(configure_t *handle, const char *path);
 // When the file's mtime differs from the stored one: stores it and applies every line
 // through update_conf_value_for_key. Returns 0; -1 null argument; -2 file unchanged (not
-// read); -3 the file cannot be opened (logged; the new mtime stays stored).
+// read); -3 the file cannot be opened or is refused as by load_config_file (logged; the new
+// mtime stays stored, the values stay as they were).
 int reload_config_file(configure_t *handle, const char *path);
-// Writes "NAME=VALUE\n" lines in index order to "<path>.tmp" and renames it over path (a
-// failing rename is not reported). Returns 0; -1 null argument; -2 the temporary file cannot
-// be created or written (it is removed; path untouched).
+// Writes "NAME=VALUE\n" lines in index order to "<path>.tmp" (created afresh with mode 0666
+// less the umask: a link there is removed, not followed), flushes it and renames it over path
+// (a failing rename is not reported). Returns 0; -1 null argument; -2 the text or the temporary
+// file cannot be created or written (it is removed; path untouched).
 int save_config_file(configure_t *handle, const char *path);
 
 // Number of options, or -1 for a null handle.

@@ -10,6 +10,7 @@
 #include "signal_ctl.h"
 #include "thr_dgconn.h"
 #include "util.h"
+#include "vk_file.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -50,7 +51,7 @@ int init_auto_load(const char *home)
     memset(g_vk_auto_load_path, 0, sizeof(g_vk_auto_load_path));
     char path[VK_PATH_SIZE + 64];
     snprintf(path, sizeof(path), "%s/manager/data/autoload_conf", home != nullptr ? home : "");
-    vk_unique_file file(home != nullptr ? fopen(path, "rb") : nullptr);
+    vk_unique_file file(home != nullptr ? vk_fopen_read(path, VK_OPEN_NOFOLLOW, "init_auto_load") : nullptr);
     if (!file) {
         VKLOG_INFO(g_vklog.load(), "[init_auto_load] data/autoload_conf file is not exist\n");
         return -1;

@@ -72,10 +72,11 @@ void clear_agent_registry();
 extern int32_t g_auto_load_count;
 extern char g_vk_auto_load_path[MAX_AGENT_COUNT][AUTO_LOAD_PATH_SIZE];
 
-// Replaces the autoload list with the lines of "<home>/manager/data/autoload_conf" (read
-// in binary mode, 512 bytes a line): each trimmed of white space, cut at 255 characters and
+// Replaces the autoload list with the lines of "<home>/manager/data/autoload_conf" (a
+// regular file, never through a link; 512 bytes a line): each trimmed of white space, cut at 255 characters and
 // stored in the next slot, empty lines included; reading stops once 64 are stored. Returns
-// 0, or -1 when the file cannot be opened (the list is then empty; logged at INFO).
+// 0, or -1 when the file cannot be opened (the list is then empty; logged at INFO, a link
+// or a file of another type also at ERROR).
 int init_auto_load(const char *home);
 
 // Resets the shared state for a start from installation home `home`: clears the stop flag

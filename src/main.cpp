@@ -273,6 +273,10 @@ int main(int argc, char **argv)
     // mapping only blocks of 1 MiB or more separately) ends that churn.
     mallopt(M_TRIM_THRESHOLD, 2 << 20);
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    // Before the first write: the configuration, the log and the pid record may meet a
+    // file-size limit at start, which must fail the write (reported like a full disk), not
+    // end the process.
+    signal(SIGXFSZ, SIG_IGN);
     init_properties_preset();
     command_line_t cmd;
     if (scan_command_line(argc, argv, &cmd))

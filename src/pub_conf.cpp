@@ -3,6 +3,7 @@
 // environment readers (olv_linux) and the main loop.
 #include "pub_conf.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -154,7 +155,10 @@ int initialize_configure_manager_agent(int debug)
         return -1;
     char path[VK_PATH_SIZE + 32];
     snprintf(path, sizeof(path), "%s/data/%s", g_vk_manager_home, "config");
-    if (access(path, F_OK) != 0) {
+    struct stat st {
+    };
+    // Whatever is in the way (a link, a FIFO) is left alone; the load refuses it and says so.
+    if (lstat(path, &st) != 0 && errno == ENOENT) {
         save_config_file(g_conf_handle, path);
         // The wording says the opposite of what happened; operators' scripts expect it.
         printf("[main] (%s) file already exists.\n", path);

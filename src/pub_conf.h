@@ -49,8 +49,9 @@ int set_properties_preset(const char *key, int key_len, const char *value, int v
 // null key.
 int get_properties_preset(const char *key, char *dest, int size);
 
-// Creates g_conf_handle from the presets, writes data/config with the defaults when it is
-// missing (printing "[main] (<path>) file already exists.\n"), loads it, sets up logging
+// Creates g_conf_handle from the presets, writes data/config with the defaults when nothing
+// is at its path (printing "[main] (<path>) file already exists.\n"; a link or a FIFO there
+// is left alone and refused by the load), loads it, sets up logging
 // (init_vklog) and lists the options. Returns 0; -1 when the table cannot be created. A
 // logging set-up failure prints its line and exits the process with status 0. A second
 // call (tests) replaces the table, so it must not run while other threads use it.

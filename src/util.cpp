@@ -4,6 +4,7 @@
 #include "util.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -11,12 +12,14 @@
 #include <cstring>
 #include <cjson/cJSON.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <mutex>
 #include <string_view>
 
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
 #include "thr_dgconn.h"
+#include "vk_file.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -70,59 +73,98 @@ namespace
 
 constexpr size_t k_pid_record_size = 32;
 
+// The pid file of the running agent, locked from its start to its exit: a second agent on
+// the home meets the lock whatever the record holds (an unwritable disk leaves it stale).
+int s_pid_fd = -1; // main thread only
+
 // The pid recorded in the first 32 bytes (0 when empty or unreadable).
 pid_t read_pid_record(int fd)
 {
     char record[k_pid_record_size + 1] = {};
-    ssize_t n = read(fd, record, k_pid_record_size);
+    ssize_t n = pread(fd, record, k_pid_record_size, 0);
     if (n <= 0)
         return 0;
     long pid = strtol(record, nullptr, 10);
     return pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
-// Releases the lockf lock, which covers the file from offset 0.
-void unlock_pid_file(int fd)
+// Opens the pid file read-write (created 0666 less the umask), never through a link and
+// only when it is a regular file; a refusal ends with the KTR-OSM-00020070 open failure line.
+int open_pid_file(const char *path)
 {
-    lseek(fd, 0, SEEK_SET);
-    lockf(fd, F_ULOCK, 0);
+    int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    int err = errno;
+    struct stat st {
+    };
+    if (fd < 0 && err == ELOOP && lstat(path, &st) == 0 && S_ISLNK(st.st_mode))
+        VKLOG_ERROR(g_vklog.load(), "[check_double_execution] file(%s) is a symbolic link: not followed.\n",
+                    path);
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        VKLOG_ERROR(g_vklog.load(), "[check_double_execution] file(%s) is not a regular file.\n", path);
+        close(fd);
+        fd = -1;
+        err = EINVAL;
+    }
+    if (fd < 0)
+        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020070] File open failed. FileName:%s (%d)\n", path, err);
+    return fd;
+}
+
+// True when the record names a live process whose command line holds process_name (our own pid
+// never counts: a restart that got the same pid again, pid 1 in a container, finds its own
+// number in a pid file that survived); the refusal is logged.
+bool live_agent_recorded(int fd, const char *path, const char *process_name, const char *display_name)
+{
+    pid_t pid = read_pid_record(fd);
+    VKLOG_TRACE(g_vklog_console_debug.load(), "[check_double_execution] open file. %s(%d)\n", path,
+                static_cast<int>(pid));
+    if (pid == getpid() || process_check(pid, process_name) != 1)
+        return false;
+    VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020080] Already exists. pid:%d, ProcessName:%s\n",
+                static_cast<int>(pid), display_name);
+    return true;
 }
 
 } // namespace
 
 int check_double_execution(const char *process_name, const char *display_name)
 {
+    if (s_pid_fd >= 0)
+        close(s_pid_fd); // a second check (tests) replaces the first one's hold
+    s_pid_fd = -1;
     char path[VK_PATH_SIZE + 32];
     snprintf(path, sizeof(path), "%s/data/manager_agent_pid", g_vk_manager_home);
-    vk_unique_fd file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
-    if (file.fd < 0) {
-        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020070] File open failed. FileName:%s (%d)\n", path, errno);
+    vk_unique_fd file(open_pid_file(path));
+    if (file.fd < 0)
         return 1;
-    }
     if (lockf(file.fd, F_TLOCK, 0) != 0) {
+        // The running agent holds the lock for its whole life: name it as such.
+        if (live_agent_recorded(file.fd, path, process_name, display_name))
+            return 3;
         VKLOG_ERROR(g_vklog.load(),
                     "[KTR-OSM-00020050] The quil-manager-agent is already running. ProcessName:%s\n",
                     display_name);
         return 2;
     }
-    pid_t pid = read_pid_record(file.fd);
-    VKLOG_TRACE(g_vklog_console_debug.load(), "[check_double_execution] open file. %s(%d)\n", path,
-                static_cast<int>(pid));
-    // Our own pid is never a second instance: a restart that got the same pid again (pid 1
-    // in a container) finds its own number in a pid file that survived.
-    if (pid != getpid() && process_check(pid, process_name) == 1) {
-        VKLOG_ERROR(g_vklog.load(), "[KTR-OSM-00020080] Already exists. pid:%d, ProcessName:%s\n",
-                    static_cast<int>(pid), display_name);
-        unlock_pid_file(file.fd);
-        return 3;
-    }
+    if (live_agent_recorded(file.fd, path, process_name, display_name))
+        return 3; // closing the file releases the lock
     char record[k_pid_record_size] = {};
     int self = static_cast<int>(getpid());
     snprintf(record, sizeof(record), "%d", self);
-    lseek(file.fd, 0, SEEK_SET);
-    ssize_t written = write(file.fd, record, sizeof(record));
-    (void)written; // a failed write leaves a record a later start treats as stale
-    unlock_pid_file(file.fd);
+    ssize_t written = pwrite(file.fd, record, sizeof(record), 0);
+    if (written != static_cast<ssize_t>(sizeof(record))) {
+        // Without a record a later start could not tell that this agent runs.
+        int err = written < 0 ? errno : ENOSPC;
+        fprintf(stderr,
+                "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n",
+                path, err);
+        VKLOG_ERROR(g_vklog.load(),
+                    "[check_double_execution] pid record cannot be written. FileName:%s (%d) not started.\n",
+                    path, err);
+        return 4;
+    }
+    s_pid_fd = file.fd;
+    file.fd = -1;
     VKLOG_INFO(g_vklog.load(), "[check_double_execution] write pid. %d\n", self);
     return 0;
 }
@@ -150,25 +192,92 @@ uint32_t info_log()
 
 // ---- manager id and target agent registry -------------------------------------------
 
-int get_manager_agent_id()
+namespace
 {
-    char path[VK_PATH_SIZE + 32];
-    snprintf(path, sizeof(path), "%s/data/manager_id", g_vk_manager_home);
-    vk_unique_file file(fopen(path, "r"));
+
+// 1 while the id the DG assigned last could not be saved: the id in memory is then newer
+// than the file's, and the next handshake sends it and saves it again.
+std::atomic<int> s_manager_id_unsaved{0};
+
+// An id as text: the first line cut at `len` characters, without its line end.
+void cut_id_line(char *line, size_t len)
+{
+    line[len] = '\0';
+    line[strcspn(line, "\r\n")] = '\0';
+}
+
+// Reads the id line of data/manager_id (at most 39 characters, cut at 36) into line.
+// Returns 1 when a line was read, 0 for an empty file, -1 when the file cannot be opened
+// (a link or a file of another type is logged with `who`).
+int read_manager_id_file(const char *path, char (&line)[40], const char *who)
+{
+    vk_unique_file file(vk_fopen_read(path, VK_OPEN_NOFOLLOW, who));
     if (!file)
         return -1;
-    char line[40] = {};
-    if (fgets(line, sizeof(line), file.get()) != nullptr) {
-        line[MANAGER_ID_LEN] = '\0';
+    memset(line, 0, sizeof(line));
+    if (fgets(line, sizeof(line), file.get()) == nullptr)
+        return 0;
+    cut_id_line(line, MANAGER_ID_LEN);
+    return 1;
+}
+
+void manager_id_path(char (&path)[VK_PATH_SIZE + 32])
+{
+    snprintf(path, sizeof(path), "%s/data/manager_id", g_vk_manager_home);
+}
+
+} // namespace
+
+int get_manager_agent_id()
+{
+    if (s_manager_id_unsaved.load() != 0)
+        return 0;
+    char path[VK_PATH_SIZE + 32];
+    manager_id_path(path);
+    char line[40];
+    int ret = read_manager_id_file(path, line, "get_manager_agent_id");
+    if (ret < 0)
+        return -1;
+    if (ret > 0) {
         VKLOG_INFO(g_vklog.load(), "[get_manager_agent_id] get manager agent existed ID [%s]\n", line);
         set_manager_id(line);
     }
     return 0;
 }
 
+int save_manager_id(const char *id)
+{
+    if (id == nullptr)
+        return -1;
+    char path[VK_PATH_SIZE + 32];
+    manager_id_path(path);
+    char held[40];
+    if (read_manager_id_file(path, held, "save_manager_id") > 0 && strcmp(held, id) == 0) {
+        s_manager_id_unsaved.store(0);
+        return 0;
+    }
+    char text[MANAGER_ID_LEN + 2];
+    int n = snprintf(text, sizeof(text), "%s\n", id);
+    n = std::clamp(n, 0, static_cast<int>(sizeof(text)) - 1);
+    if (vk_write_file_atomic(path, text, static_cast<size_t>(n), 0644) != 0) {
+        int err = errno;
+        s_manager_id_unsaved.store(1);
+        VKLOG_ERROR(
+            g_vklog.load(),
+            "[save_manager_id] file(%s) save failed (%d): the id is kept in memory and saved at the next "
+            "handshake.\n",
+            path, err);
+        return -1;
+    }
+    s_manager_id_unsaved.store(0);
+    return 0;
+}
+
 int set_agent_id_to_list(const char *path)
 {
-    vk_unique_file file(path != nullptr ? fopen(path, "r") : nullptr);
+    // Id files live in the target agents' homes and may be reached through links; a FIFO or
+    // a directory is refused so that nothing blocks the command thread.
+    vk_unique_file file(path != nullptr ? vk_fopen_read(path, 0, "set_agent_id_to_list") : nullptr);
     if (!file) {
         VKLOG_DEBUG(g_vklog.load(), "[set_agent_id_to_list] file not exist. path[%s]\n",
                     path != nullptr ? path : "");
@@ -179,7 +288,14 @@ int set_agent_id_to_list(const char *path)
         VKLOG_ERROR(g_vklog.load(), "[set_agent_id_to_list] file(%s) read failed. path[%s]\n", path, path);
         return -2;
     }
-    line[AGENT_ID_LEN] = '\0';
+    cut_id_line(line, AGENT_ID_LEN);
+    // The list goes to the DG as protobuf strings: one id that is not text would make a
+    // strict decoder refuse the whole list.
+    if (!vk_is_utf8(line)) {
+        VKLOG_ERROR(g_vklog.load(),
+                    "[set_agent_id_to_list] file(%s) id is not valid UTF-8: left out of the list.\n", path);
+        return -4;
+    }
     int count = std::clamp(g_json_agent_count, 0, MAX_AGENT_COUNT);
     for (int i = 0; i < count; i++) {
         if (strcmp(g_json_agent_info[i].agent_id, line) == 0) {
@@ -271,7 +387,7 @@ void apply_common_option(const cJSON *member)
         size_t len = vk_strlcpy(g_json_prefix_option, prefix->valuestring, sizeof(g_json_prefix_option));
         VKLOG_DEBUG(g_vklog.load(),
                     "[parse_agent_config_file] read field[%s] option[%s] custom_prefix[%s] prefix_len[%d] \n",
-                    name_of(member), name_of(child), g_json_prefix_option, static_cast<int>(len));
+                    name_of(member), "custom_prefix", g_json_prefix_option, static_cast<int>(len));
     }
 }
 
@@ -321,7 +437,7 @@ int parse_agent_config_file()
     }
     char path[VK_PATH_SIZE + 32];
     snprintf(path, sizeof(path), "%s/data/agent_config.json", g_vk_manager_home);
-    vk_unique_file file(fopen(path, "rb"));
+    vk_unique_file file(vk_fopen_read(path, VK_OPEN_NOFOLLOW, "parse_agent_config_file"));
     if (!file) {
         VKLOG_ERROR(g_vklog.load(), "[parse_agent_config_file] agent_config.json file(%s) open failed.\n",
                     path);

@@ -1,7 +1,7 @@
 // util: start-up helpers of the main process (the single-instance guard on
 // data/manager_agent_pid, the root flag, the send-queue drop report of the main loop, the
 // ${NAME} expansion of configured paths) and the loading of the target agent registry
-// (agent_config.json, id files, data/manager_id). Called by main, process_main, pub_conf,
+// (agent_config.json, id files, data/manager_id and its saving). Called by main, process_main, pub_conf,
 // the command thread and the agent information builder.
 // Thread safety: convert_env_path and get_manager_agent_id are safe from any thread; the
 // registry functions take or need g_json_lock; the others run on the main thread.
@@ -24,11 +24,16 @@
 [[nodiscard]] int convert_env_path(const char *source, char *dest, size_t dest_size);
 
 // Single-instance guard. Under a non-blocking lock on the pid file
-// "<g_vk_manager_home>/data/manager_agent_pid" (created 0666): when the pid recorded there
-// is a live process whose command line contains process_name, refuses; otherwise writes
-// this process's pid as a 32-byte NUL-padded record. The lock is released before return.
-// Returns 0 (go on); 1 the file cannot be opened; 2 another starter holds the lock; 3 a
-// live agent is recorded. Each refusal is logged at ERROR.
+// "<g_vk_manager_home>/data/manager_agent_pid" (created 0666 less the umask, never through a
+// link, only a regular file): when the pid recorded there is a live process whose command
+// line contains process_name, refuses; otherwise writes this process's pid as a 32-byte
+// NUL-padded record over the first 32 bytes. On success the file stays open (close-on-exec)
+// and locked until the process ends, so a second agent meets the lock whatever the record
+// holds; a later call (tests) first drops the hold of an earlier one. Returns 0 (go on);
+// 1 the file cannot be opened (a link or another type included); 2 another starter holds the
+// lock; 3 a live agent is recorded (also when it holds the lock); 4 the record cannot be
+// written in full (a full disk; also printed on standard error). Each refusal is logged at
+// ERROR and leaves the file unlocked by this process.
 [[nodiscard]] int check_double_execution(const char *process_name, const char *display_name);
 
 // Sets g_sudo_flag to 1 when the effective user id is 0, else 0. Returns the effective
@@ -45,21 +50,31 @@ uint32_t info_log();
 // Largest data/agent_config.json that parse_agent_config_file reads (16 MiB).
 inline constexpr long AGENT_CONFIG_MAX_SIZE = 16L * 1024 * 1024;
 
-// Reads the first line of "<g_vk_manager_home>/data/manager_id" (at most 39 characters),
-// cuts it at 36 and stores it with set_manager_id. Returns 0 when the file was opened
-// (an empty file leaves the id as it was), -1 when it cannot be opened (id unchanged).
+// Reads the first line of "<g_vk_manager_home>/data/manager_id" (a regular file, never
+// through a link; at most 39 characters), cuts it at 36, drops its line end and stores it
+// with set_manager_id. Returns 0 when the file was opened (an empty file leaves the id as it
+// was), also without reading it while an id the DG assigned waits to be saved (that id is
+// newer); -1 when it cannot be opened (id unchanged; a link or another type logged at ERROR).
 int get_manager_agent_id();
 
-// Registers the agent whose id file is `path`: its first line (at most 39 characters, the
-// line end kept when it fits) cut at 36 characters. The caller holds g_json_lock. Returns
-// the index of the agent's record: an existing record with the same id is reused, else a
-// cleared one is appended. -1 the file cannot be opened (or path is null), -2 its first
-// line cannot be read, -3 the id is new and the registry already holds MAX_AGENT_COUNT
-// records. The registry is unchanged on failure.
+// Saves id as "<id>\n" to "<g_vk_manager_home>/data/manager_id" (through manager_id.tmp,
+// created afresh, and a rename) unless the file already holds it. Returns 0 saved or already
+// there; -1 null id or the file cannot be written: logged at ERROR with path and errno, and
+// until a later save succeeds get_manager_agent_id keeps the id in memory.
+int save_manager_id(const char *id);
+
+// Registers the agent whose id file is `path` (a regular file; links are followed, the file
+// lives in the agent's home): its first line (at most 39 characters) cut at 36 characters,
+// without its line end. The caller holds g_json_lock. Returns the index of the agent's
+// record: an existing record with the same id is reused, else a cleared one is appended. -1
+// the file cannot be opened or is not a regular file (or path is null), -2 its first line
+// cannot be read, -3 the id is new and the registry already holds MAX_AGENT_COUNT records,
+// -4 the id is not valid UTF-8 (logged at ERROR). The registry is unchanged on failure.
 int set_agent_id_to_list(const char *path);
 
 // Loads the registry: registers the autoload paths (under g_json_lock), then reads and
-// parses "<g_vk_manager_home>/data/agent_config.json" and, under g_json_lock, clears
+// parses "<g_vk_manager_home>/data/agent_config.json" (a regular file, never through a
+// link) and, under g_json_lock, clears
 // g_json_prefix_option and walks the root's members: "common_option" gives the prefix
 // (the last child's "custom_prefix" string wins, cut at 511), every other member is a
 // group of agent entries {"path": string, "root_check": number}. Records accumulate

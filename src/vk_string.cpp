@@ -1,6 +1,7 @@
-// vk_string: bounded copies and trimming; see vk_string.h.
+// vk_string: bounded copies, trimming and the UTF-8 check; see vk_string.h.
 #include "vk_string.h"
 
+#include <cstdint>
 #include <cstring>
 
 size_t vk_strlcpy(char *dest, const char *src, size_t size)
@@ -50,4 +51,32 @@ size_t vk_trim_ex(char *str, const char *set)
 size_t vk_trim(char *str)
 {
     return vk_trim_ex(str, " \t\r\n\v\f");
+}
+
+bool vk_is_utf8(std::string_view text)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(text.data());
+    const auto *end = p + text.size();
+    while (p < end) {
+        const unsigned c = *p;
+        // Lead byte: the sequence length and the smallest code point it may carry.
+        size_t n = c < 0x80             ? 1
+                   : (c & 0xE0) == 0xC0 ? 2
+                   : (c & 0xF0) == 0xE0 ? 3
+                   : (c & 0xF8) == 0xF0 ? 4
+                                        : 0;
+        if (n == 0 || static_cast<size_t>(end - p) < n)
+            return false;
+        constexpr uint32_t k_min[5] = {0, 0, 0x80, 0x800, 0x10000};
+        uint32_t cp = n == 1 ? c : c & (0x7Fu >> n);
+        for (size_t i = 1; i < n; i++) {
+            if ((p[i] & 0xC0) != 0x80)
+                return false;
+            cp = (cp << 6) | (p[i] & 0x3F);
+        }
+        if (cp < k_min[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+            return false;
+        p += n;
+    }
+    return true;
 }

@@ -25,3 +25,6 @@ size_t vk_trim_ex(char *str, const char *set);
 size_t vk_trim(char *str);
 // View of `text` without leading and trailing characters of `set`.
 std::string_view vk_trim_view(std::string_view text, std::string_view set = " \t\r\n\v\f");
+
+// True when text is valid UTF-8: shortest forms only, no surrogates, nothing above U+10FFFF.
+[[nodiscard]] bool vk_is_utf8(std::string_view text);

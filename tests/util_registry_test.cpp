@@ -62,7 +62,7 @@ TEST_F(Registry, AutoloadAndConfigFillOneRegistry)
     EXPECT_EQ(agent_id(0), k_id_a) << "the autoload agent and the config entry are one record";
     EXPECT_EQ(root_check(0), 1);
     EXPECT_EQ(agent_id(1), k_id_b) << "cut at 36 characters";
-    EXPECT_EQ(agent_id(2), "short\n") << "a short id keeps its line end";
+    EXPECT_EQ(agent_id(2), "short") << "ids are text: the line end is dropped";
     EXPECT_STREQ(g_json_prefix_option, "sudo -u ${run_user_name}");
     EXPECT_EQ(log_count("[parse_agent_config_file] Invalid path field [groupA]"), 2u);
     EXPECT_EQ(log_count("[parse_agent_config_file] Not set field [common_option]"), 1u);

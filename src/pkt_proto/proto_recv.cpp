@@ -15,7 +15,7 @@
 #include "pub_func.h"
 #include "res_time_sync.h"
 #include "signal_ctl.h"
-#include "vk_file.h"
+#include "util.h"
 #include "vklog.h"
 
 int process_res_common_agent_info(const uint8_t *body, int length)
@@ -45,11 +45,10 @@ int process_res_common_agent_info(const uint8_t *body, int length)
     VKLOG_INFO(g_vklog.load(), "[process_res_common_agent_info] manager id: [%s]\n", id);
     VKLOG_DEBUG(g_vklog.load(), "[process_res_common_agent_info] protocol_version: %d, dg_protocol_version: %d\n",
                 static_cast<int>(message->protocol_version), static_cast<int>(message->dg_protocol_version));
-    char path[VK_PATH_SIZE + 32];
-    snprintf(path, sizeof(path), "%s/data/manager_id", g_vk_manager_home);
-    char line[MANAGER_ID_LEN + 2];
-    int n = snprintf(line, sizeof(line), "%s\n", id);
-    return vk_write_file_atomic(path, line, static_cast<size_t>(n), 0644) == 0 ? 0 : -4;
+    // An id that cannot be saved (full disk, something in the way) is logged and kept in
+    // memory: the handshake goes on, and the next one saves it again.
+    (void)save_manager_id(id);
+    return 0;
 }
 
 int process_res_ping(int socket)

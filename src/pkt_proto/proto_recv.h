@@ -7,9 +7,10 @@
 #include <cstdint>
 
 // Handshake reply (50036): keeps the assigned manager id and saves it to data/manager_id
-// through "data/manager_id.tmp" and a rename. Returns 0; -1 no message workspace; -2 the
-// body does not decode; -3 the id is empty (the DG refuses this agent); -4 the id file
-// cannot be written (the id is kept in memory; the old file stays).
+// through "data/manager_id.tmp" and a rename when the file does not hold it yet
+// (save_manager_id). Returns 0, also when the file cannot be written (logged at ERROR; the id
+// is kept in memory and saved at the next handshake, the old file stays); -1 no message
+// workspace; -2 the body does not decode; -3 the id is empty (the DG refuses this agent).
 int process_res_common_agent_info(const uint8_t *body, int length);
 // Ping (50000): answered at once. Returns send_res_ping's result.
 int process_res_ping(int socket);

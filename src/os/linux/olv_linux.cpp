@@ -22,6 +22,8 @@ namespace
 
 // Preset lookups of the umask rules use 1024-byte values.
 constexpr size_t k_perm_value_size = 1024;
+// Bits every computed umask keeps.
+constexpr mode_t k_umask_floor = 022;
 
 // Adds `read_bits` / `write_bits` to mask for each "read" / "write" in the comma list.
 mode_t perm_bits_from_list(std::string_view list, mode_t read_bits, mode_t write_bits)
@@ -116,7 +118,9 @@ int set_umask_from_env()
             return -1;
         }
     }
-    umask(mask);
+    // The files that steer the agent (data/config above all) are re-read at run time, and
+    // scripts inherit the mask: group and others never get write permission.
+    umask(mask | k_umask_floor);
     return 0;
 }
 

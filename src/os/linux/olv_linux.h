@@ -26,7 +26,8 @@ int set_config_by_env(const char *env_name, const char *preset_key, int key_len)
 
 // Builds the umask from REMOVE_PERM_GROUP / REMOVE_PERM_OTHER ("read", "write" lists) or,
 // when neither is present, PERM_FILE_OTHER_WR ("true" 0, "false" 02), all looked up in the
-// properties preset table, and applies it. Returns 0; -1 for a PERM_FILE_OTHER_WR value other
+// properties preset table, and applies it with at least 022 (group and others never write
+// the agent's files, whatever the rules say). Returns 0; -1 for a PERM_FILE_OTHER_WR value other
 // than "true"/"false" (error printed on standard error, umask unchanged).
 [[nodiscard]] int set_umask_from_env();
 

@@ -55,14 +55,15 @@ TEST(OlvLinux, UmaskRulesComeFromThePresetTable)
     setenv("PERM_FILE_OTHER_WR", "false", 1); // the environment itself is not consulted
     umask(077);
     EXPECT_EQ(set_umask_from_env(), 0);
-    EXPECT_EQ(current_umask(), 0) << "no keys: umask 0";
+    EXPECT_EQ(current_umask(), 022) << "no keys: the floor of 022 alone";
     unsetenv("PERM_FILE_OTHER_WR");
 
-    // Each row adds a key to the table; the remove keys win over PERM_FILE_OTHER_WR.
+    // Each row adds a key to the table; the remove keys win over PERM_FILE_OTHER_WR, and
+    // group and others never get write permission.
     const std::tuple<const char *, const char *, mode_t> rules[] = {
-        {"PERM_FILE_OTHER_WR", "false", 02},
-        {"REMOVE_PERM_OTHER", "write,exec,read", 06},
-        {"REMOVE_PERM_GROUP", "write", 026}};
+        {"PERM_FILE_OTHER_WR", "false", 022},
+        {"REMOVE_PERM_OTHER", "write,exec,read", 026},
+        {"REMOVE_PERM_GROUP", "read", 066}};
     for (const auto &[key, value, mask] : rules) {
         ASSERT_EQ(put(key, value), 0);
         EXPECT_EQ(set_umask_from_env(), 0);
