@@ -7,10 +7,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "signal_ctl.h"
-#include "thr_dgconn.h"
-#include "util.h"
 #include "vk_file.h"
+#include "vk_raii.h"
 #include "vk_string.h"
 #include "vklog.h"
 
@@ -77,10 +75,7 @@ int init_global_var(const char *home)
     memset(g_vk_manager_home, 0, sizeof(g_vk_manager_home));
     snprintf(g_vk_manager_home, sizeof(g_vk_manager_home), "%s/manager", home);
     (void)init_auto_load(home); // no autoload file is a normal start
-    g_dg_is_connection.store(0);
-    g_remote_conf_is_initialize.store(0);
     g_info_log.store(0);
-    clear_signal_debug_code();
     return 0;
 }
 

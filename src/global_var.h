@@ -81,7 +81,8 @@ int init_auto_load(const char *home);
 
 // Resets the shared state for a start from installation home `home`: clears the stop flag
 // and g_hostkey, sets g_vk_manager_home to "<home>/manager" (cut to fit), reads the
-// autoload list (init_auto_load), clears g_info_log and the breadcrumb table. Locks are
-// never re-initialised. Returns 0 (also without an autoload file), or -1 for a null home
+// autoload list (init_auto_load), clears g_info_log. The breadcrumb table and the
+// connection flags belong to their units (signal_ctl, thr_dgconn), which start cleared;
+// main clears the breadcrumbs right after this. Locks are never re-initialised. Returns 0 (also without an autoload file), or -1 for a null home
 // (nothing changed).
 [[nodiscard]] int init_global_var(const char *home);

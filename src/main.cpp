@@ -148,7 +148,7 @@ void run_tick(time_t now, const char *pid_path)
         send_req_timesync();
     int interval = get_conf_value_int_for_idx(g_conf_handle, MGR_CONF_INTERVAL_INFO_LOG);
     if (interval != 0 && now % interval == 0)
-        info_log();
+        info_log(get_send_queue_count());
 }
 
 // Starts the worker threads and runs the one-second loop until g_stop_the_world is set.
@@ -293,6 +293,7 @@ int main(int argc, char **argv)
         return 0;
     if (init_global_var(home) < 0)
         exit(0);
+    clear_signal_debug_code();
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_MAIN);
     int ret = initialize_configure_manager_agent(cmd.debug);
     if (ret < 0) {

@@ -1,8 +1,7 @@
-// pub_conf: turns the environment and the option table into a running set-up. Owns the
-// properties preset table (values handed over from the environment), g_conf_handle with its
-// file data/config, the agent's log categories and their periodic re-application.
+// pub_conf: turns the option table into a running set-up. Owns g_conf_handle with its file
+// data/config, the agent's log categories and their periodic re-application.
 // Called by main during start-up and by the main loop (update_vklog every third second).
-// Thread safety: the preset table has its own lock; the bootstrap runs on the main thread
+// Thread safety: the bootstrap runs on the main thread
 // before the worker threads start; update_vklog may run while others log.
 #pragma once
 
@@ -30,24 +29,6 @@ inline constexpr conf_preset_t g_manager_conf_preset[MGR_CONF_COUNT] = {
     {CONF_TYPE_UPDATABLE, "MGR_INTERVAL_GARBAGE_COLLECT", "86400"},
 };
 
-// One entry of the properties preset table; the 128-byte NUL-padded key is the map key.
-struct properties_preset_t {
-    char key[128];
-    char value[1024];
-    int32_t value_len;
-};
-
-// Creates (or empties) the properties preset table. Returns 0; -1 when it cannot be
-// allocated (the table is then absent: lookups find nothing, inserts fail).
-int init_properties_preset();
-// Stores value under key unless the key is present (the first value wins; 0 then too).
-// Key and value are cut to key_len / 127 and value_len / 1023 characters. Returns 0; -1
-// for a null key or value, or when the entry cannot be allocated or stored.
-int set_properties_preset(const char *key, int key_len, const char *value, int value_len);
-// Copies the value stored under key into dest and terminates it. Returns its length; 0
-// when absent or when it does not fit in size - 1 characters (dest untouched); -1 for a
-// null key.
-int get_properties_preset(const char *key, char *dest, int size);
 
 // Creates g_conf_handle from the presets, writes data/config with the defaults when nothing
 // is at its path (printing "[main] (<path>) file already exists.\n"; a link or a FIFO there

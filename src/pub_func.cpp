@@ -13,10 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 #include <string_view>
 
 #include "global_var.h"
-#include "pub_conf.h"
+#include "hash2.h"
 #include "signal_ctl.h"
 #include "vk_comm.h"
 #include "vk_string.h"
@@ -169,4 +170,67 @@ uint32_t get_nio_pkt_id()
     uint32_t id = s_packet_id++;
     pthread_spin_unlock(&g_nio_seq_lock);
     return id;
+}
+
+// ---- properties preset table -------------------------------------------------
+
+namespace
+{
+// The properties preset table: main thread only in practice, locked all the same.
+std::mutex s_preset_lock;
+map_t preset_map{};
+bool s_preset_ready = false;
+constexpr int k_preset_buckets = 128;
+} // namespace
+
+int init_properties_preset()
+{
+    std::lock_guard guard(s_preset_lock);
+    if (s_preset_ready)
+        map_destroy(&preset_map);
+    s_preset_ready = map_init(&preset_map, k_preset_buckets, sizeof(properties_preset_t)) == 0;
+    return s_preset_ready ? 0 : -1;
+}
+
+int set_properties_preset(const char *key, int key_len, const char *value, int value_len)
+{
+    if (key == nullptr || value == nullptr)
+        return -1;
+    auto *entry = static_cast<properties_preset_t *>(calloc(1, sizeof(properties_preset_t)));
+    if (entry == nullptr)
+        return -1;
+    size_t klen = key_len > 0 ? strnlen(key, static_cast<size_t>(key_len)) : 0;
+    size_t vlen = value_len > 0 ? strnlen(value, static_cast<size_t>(value_len)) : 0;
+    vk_strlcpy(entry->key, std::string_view(key, klen));
+    entry->value_len = static_cast<int32_t>(vk_strlcpy(entry->value, std::string_view(value, vlen)));
+    std::lock_guard guard(s_preset_lock);
+    void *found = nullptr;
+    if (s_preset_ready && map_lookup(&preset_map, entry->key, sizeof(entry->key), &found) == 1) {
+        free(entry); // the first value set wins
+        return 0;
+    }
+    if (!s_preset_ready || map_setat(&preset_map, entry->key, sizeof(entry->key), entry) < 0) {
+        free(entry);
+        return -1;
+    }
+    return 0;
+}
+
+int get_properties_preset(const char *key, char *dest, int size)
+{
+    if (key == nullptr)
+        return -1;
+    char lookup_key[sizeof(properties_preset_t::key)] = {};
+    vk_strlcpy(lookup_key, key);
+    std::lock_guard guard(s_preset_lock);
+    void *found = nullptr;
+    if (!s_preset_ready || dest == nullptr || size <= 0 ||
+        map_lookup(&preset_map, lookup_key, sizeof(lookup_key), &found) != 1 || found == nullptr)
+        return 0;
+    const auto *entry = static_cast<const properties_preset_t *>(found);
+    if (entry->value_len >= size)
+        return 0; // a value that does not fit counts as absent
+    memcpy(dest, entry->value, static_cast<size_t>(entry->value_len));
+    dest[entry->value_len] = '\0';
+    return entry->value_len;
 }

@@ -1,8 +1,9 @@
-// pub_func: the thread starter used for every worker thread (run_thread), the DG receiver
-// address g_dgconn_slave_info parsed from MGR_RECEIVER_ADDR, the clock difference to the DG
+// pub_func: the thread starter used for every worker thread (run_thread), the properties
+// preset table (values handed over from the environment: the DG address, the umask rules),
+// the DG receiver address g_dgconn_slave_info parsed from MGR_RECEIVER_ADDR, the clock difference to the DG
 // (time-sync rounds) and the NIO packet id counter. Called by main/process_main, the
 // connection thread and the message handlers.
-// Thread safety: run_thread may be called from any thread; the address is written by the
+// Thread safety: run_thread may be called from any thread; the preset table has its own lock; the address is written by the
 // main thread before the worker threads start and afterwards only by the connection thread,
 // its one reader. The time-sync samples are the connection thread's; the difference and the
 // packet ids may be read from any thread.
@@ -73,3 +74,24 @@ int nio_seq_lock_init();
 // The next NIO packet id (starting at 0, wrapping at 2^32). Senders still write 0 in the
 // sub header; the counter is kept for that field.
 uint32_t get_nio_pkt_id();
+
+// ---- properties preset table -------------------------------------------------
+
+// One entry of the properties preset table; the 128-byte NUL-padded key is the map key.
+struct properties_preset_t {
+    char key[128];
+    char value[1024];
+    int32_t value_len;
+};
+
+// Creates (or empties) the properties preset table. Returns 0; -1 when it cannot be
+// allocated (the table is then absent: lookups find nothing, inserts fail).
+int init_properties_preset();
+// Stores value under key unless the key is present (the first value wins; 0 then too).
+// Key and value are cut to key_len / 127 and value_len / 1023 characters. Returns 0; -1
+// for a null key or value, or when the entry cannot be allocated or stored.
+int set_properties_preset(const char *key, int key_len, const char *value, int value_len);
+// Copies the value stored under key into dest and terminates it. Returns its length; 0
+// when absent or when it does not fit in size - 1 characters (dest untouched); -1 for a
+// null key.
+int get_properties_preset(const char *key, char *dest, int size);

@@ -36,7 +36,7 @@ extern signal_debug_code_t g_signal_debug_code[SIGNAL_DEBUG_SLOT_COUNT];
         g_signal_debug_code[(slot)].line.store(__LINE__, std::memory_order_relaxed);                         \
     } while (0)
 
-// Clears every slot (init_global_var). Cannot fail.
+// Clears every slot (main, at start-up). Cannot fail.
 void clear_signal_debug_code();
 
 // Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV, SIGTERM, SIGUSR1 and

@@ -18,7 +18,6 @@
 
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
-#include "thr_dgconn.h"
 #include "vk_file.h"
 #include "vk_string.h"
 #include "vklog.h"
@@ -178,15 +177,14 @@ int init_sudo_flag()
 
 // ---- send-queue report ------------------------------------------------------------
 
-uint32_t info_log()
+uint32_t info_log(uint32_t queue_count)
 {
     static uint32_t s_prev_tcp_skip = 0; // main thread only
     uint32_t current = g_info_log.load();
     uint32_t skip =
         current >= s_prev_tcp_skip ? current - s_prev_tcp_skip : (4294967295u - s_prev_tcp_skip) + current;
     s_prev_tcp_skip = current;
-    VKLOG_INFO(g_vklog.load(), "[info_log] current tcp_queue[%u] skip[%d]\n", get_send_queue_count(),
-               static_cast<int>(skip));
+    VKLOG_INFO(g_vklog.load(), "[info_log] current tcp_queue[%u] skip[%d]\n", queue_count, static_cast<int>(skip));
     return skip;
 }
 

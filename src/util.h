@@ -40,10 +40,11 @@
 // user id.
 int init_sudo_flag();
 
-// Logs at INFO the send-queue length and the messages dropped since the previous call (a
+// Logs at INFO the send-queue length (queue_count, get_send_queue_count of the connection
+// unit) and the messages dropped since the previous call (a
 // counter that went backwards counts as wrapped: (4294967295 - previous) + current).
 // Returns that difference; the previous value is updated even when INFO is filtered out.
-uint32_t info_log();
+uint32_t info_log(uint32_t queue_count);
 
 // ---- target agent registry ----------------------------------------------------------
 

@@ -8,7 +8,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include "util.h"
+#include "vk_raii.h"
 #include "vk_string.h"
 
 char hostname[OS_INFO_SIZE];

@@ -6,6 +6,7 @@
 
 #include "daemon_support.h"
 #include "global_var.h"
+#include "thr_dgconn.h"
 #include "pub_conf.h"
 #include "vklog.h"
 
@@ -23,6 +24,8 @@ class AgentHomeTest : public ::testing::Test
     {
         ASSERT_FALSE(dir.path.empty());
         ASSERT_EQ(init_global_var(dir.path.c_str()), 0);
+        g_dg_is_connection.store(0); // a start with no connection, as in a fresh process
+        g_remote_conf_is_initialize.store(0);
         for (const char *sub : {"", "/data", "/tmp", "/log"})
             ASSERT_EQ(mkdir((manager + sub).c_str(), 0700), 0) << sub;
         write_file(manager + "/data/config", "MGR_LOG_LEVEL=trace\n");

@@ -117,12 +117,12 @@ TEST_F(PidGuardTest, OwnPidIsNoSecondInstance)
 TEST(Util, InfoLogCountsDropsWithWrapAround)
 {
     g_info_log.store(0);
-    info_log(); // sync with whatever an earlier test left
+    info_log(0); // sync with whatever an earlier test left
     const std::pair<uint32_t, uint32_t> steps[] = {
         {10, 10}, {10, 0}, {25, 15}, {5, (4294967295u - 25u) + 5u}}; // backwards: a wrap, one short
     for (const auto &[counter, reported] : steps) {
         g_info_log.store(counter);
-        EXPECT_EQ(info_log(), reported) << counter;
+        EXPECT_EQ(info_log(0), reported) << counter;
     }
 }
 

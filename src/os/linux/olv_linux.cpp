@@ -12,8 +12,8 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include "pub_conf.h"
-#include "util.h"
+#include "pub_func.h"
+#include "vk_raii.h"
 #include "vk_string.h"
 #include "vklog.h"
 

@@ -4,7 +4,7 @@
 #include "os/linux/olv_linux.h"
 
 #include "daemon_support.h"
-#include "pub_conf.h"
+#include "pub_func.h"
 
 #include <sys/stat.h>
 
