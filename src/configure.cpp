@@ -21,6 +21,7 @@
 #include "vk_file.h"
 #include "vk_string.h"
 #include "vklog.h"
+#include "vk_raii.h"
 
 namespace
 {
@@ -33,10 +34,6 @@ struct conf_index_item_t {
     int32_t idx;
 };
 
-struct file_closer {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using unique_file = std::unique_ptr<FILE, file_closer>;
 
 // The option file steers a root agent's log: never through a link, only a regular file, and
 // for root only one that root owns and no one else may write.
@@ -222,7 +219,7 @@ int load_config_file(configure_t *handle, const char *path)
 {
     if (handle == nullptr || path == nullptr)
         return -1;
-    unique_file file(vk_fopen_read(path, k_conf_open_rules, "load_config_file"));
+    vk_unique_file file(vk_fopen_read(path, k_conf_open_rules, "load_config_file"));
     if (!file) {
         VKLOG_INFO(g_vklog.load(), "[load_config_file] File(%s) open Failed(%d)\n", path, errno);
         return -2;
@@ -247,7 +244,7 @@ int reload_config_file(configure_t *handle, const char *path)
         return -1;
     if (isFileChange(path, &handle->last_write_time) == 0)
         return -2;
-    unique_file file(vk_fopen_read(path, k_conf_open_rules, "reload_config_file"));
+    vk_unique_file file(vk_fopen_read(path, k_conf_open_rules, "reload_config_file"));
     if (!file) {
         VKLOG_INFO(g_vklog.load(), "[reload_config_file] File(%s) open failed [errno: %d]\n", path, errno);
         return -3;
@@ -267,7 +264,7 @@ int save_config_file(configure_t *handle, const char *path)
     std::shared_lock guard(handle->lock);
     // serial_size counts each value plus 80 bytes, more than a name, "=" and "\n" take.
     size_t size = static_cast<size_t>(std::max(handle->serial_size, 0)) + 1;
-    std::unique_ptr<char, decltype(&free)> text(static_cast<char *>(malloc(size)), free);
+    vk_unique_malloc<char> text(static_cast<char *>(malloc(size)));
     if (!text)
         return -2;
     size_t used = 0;

@@ -14,14 +14,10 @@
 #include "util.h"
 #include "vk_string.h"
 #include "vklog.h"
+#include "vk_raii.h"
 
 namespace
 {
-
-struct ifaddrs_deleter {
-    void operator()(ifaddrs *list) const { freeifaddrs(list); }
-};
-using unique_ifaddrs = std::unique_ptr<ifaddrs, ifaddrs_deleter>;
 
 // getifaddrs stores a link-layer address of up to 24 bytes in its entry (sll_halen says
 // how many), more than the 8 that struct sockaddr_ll declares.
@@ -55,7 +51,7 @@ char *getUNIXHostID()
                     "[KTR-OSM-00080300] Failed to get network interfaces of the local system (%d)\n", errno);
         return nullptr;
     }
-    unique_ifaddrs list(raw);
+    vk_unique_ifaddrs list(raw);
     for (const ifaddrs *ifa = list.get(); ifa != nullptr; ifa = ifa->ifa_next) {
         if (ifa->ifa_addr == nullptr || ifa->ifa_addr->sa_family != AF_PACKET)
             continue;

@@ -28,6 +28,7 @@
 #include "vk_comm.h"
 #include "vk_time.h"
 #include "vklog.h"
+#include "vk_raii.h"
 
 std::atomic<int> g_dg_sock{0};
 std::atomic<int> g_dg_is_connection{0};
@@ -349,7 +350,7 @@ int create_send_queue()
 
 int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
 {
-    std::unique_ptr<char, decltype(&free)> owned(packet, &free);
+    vk_unique_malloc<char> owned(packet);
     if (g_dg_is_connection.load() < 1 || packet == nullptr)
         return 0;
     entry_ptr entry(static_cast<send_queue_entry_t *>(calloc(1, sizeof(send_queue_entry_t))));

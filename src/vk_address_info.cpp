@@ -1,6 +1,7 @@
 // vk_address_info: gathering of the host's IP and MAC address lists; see vk_address_info.h.
 // Entries are calloc'd one per address and freed by clear_ip_list / clear_mac_list.
 #include "vk_address_info.h"
+#include "vk_raii.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,11 +17,6 @@ vk_mac_list_t g_mac_list;
 
 namespace
 {
-
-struct ifaddrs_deleter {
-    void operator()(ifaddrs *list) const { freeifaddrs(list); }
-};
-using unique_ifaddrs = std::unique_ptr<ifaddrs, ifaddrs_deleter>;
 
 // Appends at the tail of a list that may already hold entries.
 template <typename Entry> struct list_appender {
@@ -80,7 +76,7 @@ int get_address_info(vk_ip_list_t *ip_list, vk_mac_list_t *mac_list, int *err)
     ifaddrs *raw = nullptr;
     if (getifaddrs(&raw) != 0)
         return fail(-1);
-    unique_ifaddrs interfaces(raw);
+    vk_unique_ifaddrs interfaces(raw);
     list_appender<vk_ip_info_t> ips(ip_list);
     list_appender<vk_mac_info_t> macs(mac_list);
     for (const ifaddrs *ifa = interfaces.get(); ifa != nullptr; ifa = ifa->ifa_next) {

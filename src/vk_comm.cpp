@@ -5,6 +5,7 @@
 #include "vk_comm.h"
 #include "vk_byteorder.h"
 #include "vklog.h"
+#include "vk_raii.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -27,11 +28,6 @@
 namespace
 {
 
-struct free_deleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using malloc_ptr = std::unique_ptr<char, free_deleter>;
-
 // gethostbyname_r needs scratch space for the host entry; a long alias list asks for more.
 constexpr size_t k_resolve_scratch_start = 4096;
 constexpr size_t k_resolve_scratch_max = 1 << 20;
@@ -41,7 +37,7 @@ constexpr size_t k_resolve_scratch_max = 1 << 20;
 int resolve_first_address(const char *name, int *family, unsigned char (&address)[16])
 {
     for (size_t size = k_resolve_scratch_start; size <= k_resolve_scratch_max; size *= 2) {
-        malloc_ptr scratch(static_cast<char *>(std::malloc(size)));
+        vk_unique_malloc<char> scratch(static_cast<char *>(std::malloc(size)));
         if (!scratch)
             return -1;
         hostent entry{};
@@ -122,7 +118,7 @@ constexpr size_t k_dynamic_first_step = 256u * 1024u;
 // and has room for `room` bytes; grows it up to 12 + length as bytes arrive, so a length
 // field alone never costs more than the first step. Returns 0, -4 out of memory, -6 recv
 // failed or the peer closed.
-int recv_body_growing(int sock, malloc_ptr *buffer, size_t room, size_t length)
+int recv_body_growing(int sock, vk_unique_malloc<char> *buffer, size_t room, size_t length)
 {
     const size_t total = VK_NIO_MAIN_HEADER_LEN + length;
     size_t filled = VK_NIO_MAIN_HEADER_LEN;
@@ -169,9 +165,9 @@ int wait_readable(int sock, int timeout_seconds)
 }
 
 // Buffer for one statically read NIO packet: main header plus the largest length field.
-malloc_ptr new_nio_packet_buffer()
+vk_unique_malloc<char> new_nio_packet_buffer()
 {
-    return malloc_ptr(static_cast<char *>(std::malloc(VK_NIO_MAIN_HEADER_LEN + VK_NIO_PACKET_CAPACITY)));
+    return vk_unique_malloc<char>(static_cast<char *>(std::malloc(VK_NIO_MAIN_HEADER_LEN + VK_NIO_PACKET_CAPACITY)));
 }
 
 } // namespace
@@ -246,12 +242,12 @@ namespace
 
 // Allocates header_length + body_length bytes and copies the body behind the header.
 // Returns the buffer, or null for a bad length, a missing body or no memory.
-malloc_ptr new_packet(int header_length, const void *body, int body_length)
+vk_unique_malloc<char> new_packet(int header_length, const void *body, int body_length)
 {
     if (body_length < 0 || body_length > INT_MAX - header_length || (body == nullptr && body_length != 0))
         return nullptr;
     const size_t total = static_cast<size_t>(header_length) + static_cast<size_t>(body_length);
-    malloc_ptr packet(static_cast<char *>(std::malloc(total)));
+    vk_unique_malloc<char> packet(static_cast<char *>(std::malloc(total)));
     if (packet && body_length > 0)
         std::memcpy(packet.get() + header_length, body, static_cast<size_t>(body_length));
     return packet;
@@ -265,7 +261,7 @@ int wrap_packet_nio_header(char **out_buffer, const void *body, int body_length,
     if (out_buffer == nullptr)
         return 0;
     *out_buffer = nullptr;
-    malloc_ptr packet = new_packet(VK_NIO_HEADER_LEN, body, body_length);
+    vk_unique_malloc<char> packet = new_packet(VK_NIO_HEADER_LEN, body, body_length);
     if (!packet)
         return 0;
     set_nio_main_header(packet.get(), packet_type,
@@ -281,7 +277,7 @@ int wrap_packet_oio_header(char **out_buffer, const void *body, int body_length,
     if (out_buffer == nullptr)
         return 0;
     *out_buffer = nullptr;
-    malloc_ptr packet = new_packet(VK_OIO_HEADER_LEN, body, body_length);
+    vk_unique_malloc<char> packet = new_packet(VK_OIO_HEADER_LEN, body, body_length);
     if (!packet)
         return 0;
     set_oio_header(packet.get(), type);
@@ -328,7 +324,7 @@ int get_nio_packet_dynamic(int sock, char **out_buffer, int /*capacity*/)
     // arrives, so a length field alone never costs more than this first step.
     const size_t total = VK_NIO_MAIN_HEADER_LEN + static_cast<size_t>(length);
     const size_t first = total < k_dynamic_first_step ? total : k_dynamic_first_step;
-    malloc_ptr packet(static_cast<char *>(std::malloc(first)));
+    vk_unique_malloc<char> packet(static_cast<char *>(std::malloc(first)));
     if (!packet)
         return -4;
     std::memcpy(packet.get(), header, sizeof(header));
@@ -353,7 +349,7 @@ int processing_socket(int sock, int is_nio, int timeout_seconds, vk_packet_callb
 {
     if (int rc = wait_readable(sock, timeout_seconds); rc < 0)
         return rc;
-    malloc_ptr packet = new_nio_packet_buffer();
+    vk_unique_malloc<char> packet = new_nio_packet_buffer();
     if (!packet)
         return -99;
     int rc = is_nio ? get_nio_packet(sock, packet.get(), VK_NIO_PACKET_CAPACITY)
@@ -372,7 +368,7 @@ int processing_socket_dynamic(int sock, int is_nio, int timeout_seconds, vk_pack
         return -99;
     char *raw = nullptr;
     int rc = get_nio_packet_dynamic(sock, &raw, VK_NIO_PACKET_CAPACITY);
-    malloc_ptr packet(raw);
+    vk_unique_malloc<char> packet(raw);
     if (rc < 1)
         return -99;
     return callback ? callback(packet.get(), argument) : 0;
@@ -380,7 +376,7 @@ int processing_socket_dynamic(int sock, int is_nio, int timeout_seconds, vk_pack
 
 int receive_nio_packet(int sock, vk_packet_callback callback, void *argument)
 {
-    malloc_ptr packet = new_nio_packet_buffer();
+    vk_unique_malloc<char> packet = new_nio_packet_buffer();
     if (!packet)
         return -99;
     if (int rc = get_nio_packet(sock, packet.get(), VK_NIO_PACKET_CAPACITY); rc < 0)
@@ -390,7 +386,7 @@ int receive_nio_packet(int sock, vk_packet_callback callback, void *argument)
 
 int receive_expected_nio_packet(int sock, vk_packet_callback2 callback, void *argument1, void *argument2)
 {
-    malloc_ptr packet = new_nio_packet_buffer();
+    vk_unique_malloc<char> packet = new_nio_packet_buffer();
     if (!packet)
         return -99;
     if (int rc = get_nio_packet(sock, packet.get(), VK_NIO_PACKET_CAPACITY); rc < 0)
@@ -546,7 +542,7 @@ constexpr int k_ifconf_max = 20 * 1024; // stops a kernel that never reports a s
 
 // Fills *requests with the SIOCGIFCONF list, growing the room by 20 records until the
 // kernel returns less than it was given. Returns the record count, -3 query failed, -4 no memory.
-int query_interfaces(int fd, malloc_ptr *requests)
+int query_interfaces(int fd, vk_unique_malloc<char> *requests)
 {
     for (int room = k_ifconf_step; room <= k_ifconf_max; room += k_ifconf_step) {
         const size_t bytes = static_cast<size_t>(room) * sizeof(ifreq);
@@ -578,7 +574,7 @@ int get_ip_info(vk_ip_info_list *result)
         VKLOG_ERROR(g_vklog.load(), "[get_ip_info] socket failed. (%d)\n", errno);
         return 0;
     }
-    malloc_ptr requests;
+    vk_unique_malloc<char> requests;
     const int count = query_interfaces(sock.fd, &requests);
     if (count < 0) {
         VKLOG_ERROR(g_vklog.load(), "[get_ip_info] interface query failed. (%d)\n", count == -4 ? ENOMEM : errno);

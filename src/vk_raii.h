@@ -1,8 +1,10 @@
 // vk_raii: small owners of the resources the agent's units hold (a descriptor, a FILE*, a
-// malloc'd block) and the one way the daemon allocates a record: checked, never throwing.
+// malloc'd block, an interface list) and the one way the daemon allocates a record: checked, never throwing.
 // The daemon is built without exceptions, so every allocation is tested for null by its
 // caller. Header only; depends on nothing of the agent. Safe from any thread.
 #pragma once
+
+#include <ifaddrs.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +38,12 @@ struct vk_file_closer {
     void operator()(FILE *f) const { fclose(f); }
 };
 using vk_unique_file = std::unique_ptr<FILE, vk_file_closer>;
+
+// Owns the list getifaddrs returns.
+struct vk_ifaddrs_deleter {
+    void operator()(ifaddrs *list) const { freeifaddrs(list); }
+};
+using vk_unique_ifaddrs = std::unique_ptr<ifaddrs, vk_ifaddrs_deleter>;
 
 // Owns one malloc'd block and frees it on every path (release() hands it to a caller).
 struct vk_free_deleter {

@@ -17,6 +17,7 @@
 #include "signal_ctl.h"
 #include "util.h"
 #include "vklog.h"
+#include "vk_raii.h"
 
 int process_res_common_agent_info(const uint8_t *body, int length)
 {
@@ -91,15 +92,12 @@ namespace
 // Extra workspace beyond a chunk's body: its records (the data is the body's bulk).
 constexpr size_t k_decode_extra = 4096;
 
-struct free_deleter {
-    void operator()(void *p) const { free(p); }
-};
 
 // A decoding workspace of `size` bytes, or null. Not zeroed: the message's _new initialises
 // its record and heap, and the decoder writes every block it hands out.
-std::unique_ptr<uint8_t, free_deleter> decode_workspace(size_t size)
+vk_unique_malloc<uint8_t> decode_workspace(size_t size)
 {
-    return std::unique_ptr<uint8_t, free_deleter>(static_cast<uint8_t *>(malloc(size)));
+    return vk_unique_malloc<uint8_t>(static_cast<uint8_t *>(malloc(size)));
 }
 
 size_t body_size(int body_len)

@@ -36,7 +36,6 @@ constexpr int32_t k_agent_mode = 1;
 constexpr uint32_t k_protocol_version = 20241111; // the DG protocol this agent speaks
 constexpr int32_t k_os_kind = 4;                  // Linux
 
-using packet_ptr = std::unique_ptr<char, decltype(&free)>;
 
 // Frames body as message_type and queues it. The queue owns the packet from here on.
 void queue_packet(int message_type, const uint8_t *body, int body_length)
@@ -155,7 +154,7 @@ int send_manager_agent_info(int socket)
     }
     char *raw = nullptr;
     int length = wrap_dg_packet(&raw, encoded.get(), size, MSG_AGENT_INFO);
-    packet_ptr packet(raw, &free);
+    vk_unique_malloc<char> packet(raw);
     if (!packet)
         return 0; // no memory for the frame: nothing is written, and the handshake goes on
     ssize_t written = dg_write_direct(socket, packet.get(), static_cast<size_t>(length));
@@ -171,7 +170,7 @@ ssize_t send_res_ping(int socket)
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     char *raw = nullptr;
     int length = wrap_dg_packet(&raw, nullptr, 0, MSG_RES_PING);
-    packet_ptr packet(raw, &free);
+    vk_unique_malloc<char> packet(raw);
     if (!packet)
         return 0;
     ssize_t ret = dg_write_direct(socket, packet.get(), static_cast<size_t>(length));
