@@ -5,6 +5,9 @@
 // thread (reloads) and the garbage collector.
 // Thread safety: readers and updaters may run on any thread (reader-writer lock);
 // create/set/destroy and load_config_file run before the worker threads exist.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them):
+// get_config_count, get_conf_value_string_for_key, get_conf_value_int_for_key,
+// update_conf_value_for_idx, get_conf_serialization.
 #pragma once
 
 #include <cstdint>

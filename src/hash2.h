@@ -5,6 +5,7 @@
 // Ownership: items are caller-allocated with malloc. A map that accepts an item owns it
 // from then on: replacing or deleting an item frees it, clearing frees (or releases) all.
 // An item's key is its own first `len` bytes.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them): map_clear.
 #pragma once
 
 #include <cstdint>

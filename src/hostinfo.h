@@ -2,6 +2,8 @@
 // lookup vk_username (process inspection calls it) and two small string helpers. The host
 // key is offered to whoever needs a stable host identity; results are handed to the caller.
 // Thread safety: every function is safe from any thread (no shared state).
+// Interface only, kept for the unit's completeness (nothing in the agent calls them): getHostKey
+// (with getUNIXHostID and getOSMHostName under it), getCntOfChr, removeChar.
 #pragma once
 
 #include <cstddef>

@@ -7,6 +7,8 @@
 // main thread before the worker threads start and afterwards only by the connection thread,
 // its one reader. The time-sync samples are the connection thread's; the difference and the
 // packet ids may be read from any thread.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them): get_dgtime,
+// set_DG_difftime, get_nio_pkt_id.
 #pragma once
 
 #include <atomic>

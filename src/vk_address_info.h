@@ -3,6 +3,8 @@
 // them for the agent information message.
 // Thread safety: the connection thread writes the global lists before its connection loop
 // starts and only reads them afterwards; no lock is taken. Local lists are the caller's.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them):
+// clear_ip_list, clear_mac_list.
 #pragma once
 
 #include <cstdint>

@@ -3,6 +3,9 @@
 // Thread safety: every function may be called from any thread. The header version byte is
 // the only shared state (an atomic); get_ip_info, getIPFromDomain and vk_close_socket_debug
 // print to standard output, and get_ip_info logs its failures; nothing else here logs.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them):
+// wrap_packet_oio_header, get_oio_packet, processing_socket, receive_expected_nio_packet,
+// vk_close_socket_debug, convert_ip_str_to_addr, CheckIPAddr, get_ip_info.
 #pragma once
 
 #include <cstddef>

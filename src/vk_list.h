@@ -1,6 +1,9 @@
 // vk_list: doubly linked list of pointers (vklist), used for the DG send queue. The list
 // owns its nodes; the data is the caller's and is freed with free() on node removal unless
 // a release function is given. No lock of its own: users guard it.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them):
+// destroy_vklist, push_front_vklist, pop_back_vklist, front_vklist, back_vklist,
+// next_node_data_vklist, prev_node_data_vklist, find_index_vklist, remove_with_item_ptr_vklist.
 #pragma once
 
 #include <cstdint>

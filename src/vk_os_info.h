@@ -3,6 +3,8 @@
 // send_manager_agent_info reads the strings through the get_os_info_* getters.
 // Thread safety: the connection thread writes this state before its connection loop
 // starts and only reads it afterwards; no lock is taken.
+// Interface only, kept for the unit's completeness (nothing in the agent calls them):
+// get_os_info_logical_cpu_count, get_os_info_physical_cpu_count.
 #pragma once
 
 #include <cstddef>
