@@ -62,16 +62,16 @@ struct vl_dir_closer_t {
     void operator()(DIR *d) const { closedir(d); }
 };
 
-// The number of bytes written (short of `length` when the write fails). The log file is
-// open with O_APPEND, and pwrite on such a descriptor appends on Linux wherever the offset
-// points; on a FIFO, a socket or a terminal it fails with ESPIPE. So a log path that became
-// something other than a regular file between two of the fstat checks below is never
-// written to either.
-size_t vl_write_all(int fd, const char *data, size_t length)
+// The number of bytes written (short of `length` when a write fails). With `append_only`
+// the descriptor is the log file, open with O_APPEND: pwrite on it appends on Linux wherever
+// the offset points, and fails with ESPIPE on a FIFO, a socket or a terminal, so a log path
+// that became something other than a regular file between two of the fstat checks below is
+// never written to either. Standard output takes plain writes.
+size_t vl_write_all(int fd, const char *data, size_t length, bool append_only = false)
 {
     size_t done = 0;
     while (done < length) {
-        ssize_t n = pwrite(fd, data + done, length - done, 0);
+        ssize_t n = append_only ? pwrite(fd, data + done, length - done, 0) : write(fd, data + done, length - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -607,7 +607,7 @@ int vl_va_log_file_writer(const vklog_config_t *config, vklog_output_file_t *out
         vl_output_failed(config, output_file, vl_open_failure(error), nullptr);
         return 0;
     }
-    size_t written = vl_write_all(fd.fd, buffer, length);
+    size_t written = vl_write_all(fd.fd, buffer, length, true);
     if (written < length) {
         // A full disk or a size limit; ESPIPE: a FIFO or other non-file took the log's name.
         output_file->size.store(-1, std::memory_order_relaxed);
