@@ -14,19 +14,11 @@ namespace
 
 const auto command_codec = AGENT_CODEC(req_command_message);
 
+// Nothing in the agent prints these texts: one smoke check of the lookup and its bound.
 TEST(pbtools, ErrorTexts)
 {
-    // clang-format off
-    const char *texts[] = {"Ok", "Bad wire type", "Out of data", "Out of memory", "Encode buffer full",
-                           "Bad field number", "Varint overflow", "Seek overflow", "Length delimited overflow"};
-    // clang-format on
-    for (int code = 0; code <= 8; code++) {
-        EXPECT_STREQ(pbtools_error_code_to_string(code), texts[code]);
-        EXPECT_STREQ(pbtools_error_code_to_string(-code), texts[code]);
-    }
-    for (int code : {9, -9, INT32_MIN, INT32_MAX}) {
-        EXPECT_STREQ(pbtools_error_code_to_string(code), "Unknown error");
-    }
+    EXPECT_STREQ(pbtools_error_code_to_string(-PBTOOLS_LENGTH_DELIMITED_OVERFLOW), "Length delimited overflow");
+    EXPECT_STREQ(pbtools_error_code_to_string(INT32_MIN), "Unknown error");
 }
 
 // A heap needs 16 bytes, a record its heap and itself; allocations that do not fit leave the
@@ -54,8 +46,9 @@ TEST(pbtools, NewAllocAndEncodeNeedRoom)
     EXPECT_EQ(bytes_t(buf, buf + 7), (bytes_t{0x0A, 2, 'e', '1', 0x50, 0xE8, 0x07}));
 }
 
-// The primitive writers put fields in call order at the buffer start; the _always writers
-// keep defaults, the plain ones drop them; a buffer one byte short fails with -4.
+// The primitive writers (no message uses them; one smoke test) put fields in call order at the
+// buffer start; the _always writers keep defaults, the plain ones drop them; a buffer one
+// byte short fails with -4.
 TEST(pbtools, EncoderPrimitivesWriteInCallOrder)
 {
     const pbtools_bytes_t bytes = {const_cast<uint8_t *>(reinterpret_cast<const uint8_t *>("xyz")), 3};
