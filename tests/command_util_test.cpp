@@ -232,29 +232,25 @@ TEST_F(RunScriptTest, ScriptInheritsNoDescriptorIgnoredSignalOrMask)
 
 TEST_F(RunScriptTest, CommandLineByRunTypeAndPrefix)
 {
-    const std::string tmp = manager + "/tmp", info = tmp + "/7_install_info";
+    const std::string info = manager + "/tmp/7_install_info";
     const char *body = "echo \"args=$* run=${QUIL_PREFIX_SEEN:-0} patch=${QUIL_PATCH_PREFIX_SEEN:-0}\"; "
                        "echo vkSuccess";
     struct {
         int run_type, flag;
-        std::string line, output;
+        std::string output;
     } const cases[] = {
-        {RUN_TYPE_STOP, 0, run_path + "/stop.sh", "args= run=0 patch=0"},
-        {RUN_TYPE_STOP, 1, "env QUIL_PREFIX_SEEN=1 " + run_path + "/stop.sh", "args= run=1 patch=0"},
-        {RUN_TYPE_START, 1, "env QUIL_PREFIX_SEEN=1 " + run_path + "/start.sh", "args= run=1 patch=0"},
-        {RUN_TYPE_START, -3, run_path + "/start.sh", "args= run=0 patch=0"}, // only 1 means a prefix
-        {RUN_TYPE_SETUP, 0, tmp + "/patch.sh " + info, "args=" + info + " run=0 patch=0"},
-        {RUN_TYPE_SETUP, 1, "env QUIL_PATCH_PREFIX_SEEN=1 " + tmp + "/patch.sh " + info,
-         "args=" + info + " run=0 patch=1"},
+        {RUN_TYPE_STOP, 0, "args= run=0 patch=0"},
+        {RUN_TYPE_STOP, 1, "args= run=1 patch=0"},
+        {RUN_TYPE_START, 1, "args= run=1 patch=0"},
+        {RUN_TYPE_START, -3, "args= run=0 patch=0"}, // only 1 means a prefix
+        {RUN_TYPE_SETUP, 0, "args=" + info + " run=0 patch=0"},
+        {RUN_TYPE_SETUP, 1, "args=" + info + " run=0 patch=1"},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
+        SCOPED_TRACE(std::to_string(c.run_type) + " " + std::to_string(c.flag));
         set_prefix(c.flag, "env QUIL_PREFIX_SEEN=1", "env QUIL_PATCH_PREFIX_SEEN=1");
         EXPECT_EQ(run(c.run_type, body, 10000), 0);
         EXPECT_EQ(rec.result_message, c.output + "\nvkSuccess\n");
-        EXPECT_EQ(log_count("[run_script] run_type[" + std::to_string(c.run_type) + "][" +
-                            run_type_name(c.run_type) + "] command[" + c.line + "]\n"),
-                  1u);
     }
 }
 
