@@ -79,11 +79,7 @@ struct client {
             fd = -1;
         }
     }
-    ~client()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
+    ~client() { close(fd); }
     bool send_raw(const std::string &bytes) const
     {
         return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
@@ -92,13 +88,7 @@ struct client {
     bool read_exact(std::string *out, size_t n) const
     {
         out->assign(n, '\0');
-        for (size_t got = 0; got < n;) {
-            ssize_t r = recv(fd, out->data() + got, n - got, 0);
-            if (r <= 0)
-                return false;
-            got += static_cast<size_t>(r);
-        }
-        return true;
+        return n == 0 || recv(fd, out->data(), n, MSG_WAITALL) == static_cast<ssize_t>(n);
     }
     // The next packet, or nullopt on a closed socket or after 20 s.
     std::optional<packet> read() const
@@ -111,14 +101,6 @@ struct client {
         return p;
     }
 };
-
-std::string agent_info(const std::string &host)
-{
-    dg::common_req_agent_info_message m;
-    m.set_host_name(host);
-    m.set_protocol_version(20241111);
-    return m.SerializeAsString();
-}
 
 // The handshake answer of each mode; in the first, two time-sync replies carry the skews in turn.
 TEST(DgSim, OwnFramingHandshakeModesAndSkews)
@@ -138,7 +120,9 @@ TEST(DgSim, OwnFramingHandshakeModesAndSkews)
         ASSERT_TRUE(sim.started());
         client agent(sim.port());
         ASSERT_GE(agent.fd, 0);
-        ASSERT_TRUE(agent.send(10043, agent_info("host-a"), 2));
+        dg::common_req_agent_info_message hello;
+        hello.set_host_name("host-a");
+        ASSERT_TRUE(agent.send(10043, hello.SerializeAsString(), 2));
         auto reply = agent.read();
         ASSERT_TRUE(reply);
         EXPECT_EQ(reply->type, r.reply_type);
