@@ -32,16 +32,11 @@ class RunScriptTest : public AgentHomeTest
     {
         AgentHomeTest::SetUp();
         ASSERT_EQ(mkdir(run_path.c_str(), 0700), 0);
-        saved_flag = g_custom_prefix_flag;
-        memcpy(saved_prefix, g_custom_prefix, sizeof saved_prefix);
-        memcpy(saved_patch_prefix, g_custom_patch_prefix, sizeof saved_patch_prefix);
         set_prefix(0, "", "");
     }
     void TearDown() override
     {
-        g_custom_prefix_flag = saved_flag;
-        memcpy(g_custom_prefix, saved_prefix, sizeof saved_prefix);
-        memcpy(g_custom_patch_prefix, saved_patch_prefix, sizeof saved_patch_prefix);
+        set_prefix(0, "", ""); // as the command thread leaves them between commands
         AgentHomeTest::TearDown();
     }
     static void set_prefix(int flag, const char *prefix, const char *patch_prefix)
@@ -79,8 +74,6 @@ class RunScriptTest : public AgentHomeTest
 
     std::string run_path = home + "/run";
     cmd_info_t rec{};
-    int saved_flag = 0;
-    char saved_prefix[CUSTOM_PREFIX_SIZE], saved_patch_prefix[CUSTOM_PREFIX_SIZE];
 };
 
 // The verdict comes from the keywords in this run's output as kept: at most 8191 characters
