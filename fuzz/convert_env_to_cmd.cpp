@@ -7,6 +7,7 @@
 // the shell command line only when it is a plain name (letters, digits, '.', '_', '-', under
 // 64 characters).
 #include "fuzz_support.h"
+#include "command_util.h"
 #include "thr_command.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -16,8 +16,8 @@
 // map with its open files, files under <manager>/tmp, time-sync round, manager id) and
 // nothing may have appeared outside <home>/manager's data and tmp directories.
 //
-// The log goes to <tmp>/log (1 MiB, no backups) at QUIL_FUZZ_LOG_LEVEL, default "trace" so
-// every log format meets the decoded texts; "none" leaves g_vklog null.
+// The log goes to <tmp>/log (1 MiB, no backups) at "trace", so every log format meets the
+// decoded texts.
 #include "command.h"
 #include "command_handler.h"
 #include "fuzz_support.h"
@@ -59,22 +59,15 @@ struct setup_t {
 
 void set_up_log(const std::string &dir)
 {
-    const char *level = getenv("QUIL_FUZZ_LOG_LEVEL");
-    level = level != nullptr && level[0] != '\0' ? level : "trace";
-    if (strcmp(level, "none") == 0)
-        return;
     vklog_config_t *config = vklog_config_new_from_preset(VKLOG_CFG_PRESET_DEFAULT);
     FUZZ_CHECK(config != nullptr);
-    auto set = [config](vklog_cfg_type_t key, std::string_view value) {
+    const std::pair<vklog_cfg_type_t, std::string_view> settings[] = {
+        {VKLOG_CFG_TYPE_NAME, "quil-manager-agent"}, {VKLOG_CFG_TYPE_DIRECTORY, dir},
+        {VKLOG_CFG_TYPE_OUTPUT_TYPE, "file"},        {VKLOG_CFG_TYPE_LEVEL, "trace"},
+        {VKLOG_CFG_TYPE_HEADER_FLAG, "time,pid,thread_id,file,function,line,level"},
+        {VKLOG_CFG_TYPE_LIMIT_FILE_SIZE, "1"},       {VKLOG_CFG_TYPE_BACKUP_FILE_COUNT, "0"}};
+    for (const auto &[key, value] : settings)
         FUZZ_CHECK(vklog_config_set(config, key, static_cast<unsigned>(value.size()), value.data()) == 0);
-    };
-    set(VKLOG_CFG_TYPE_NAME, "quil-manager-agent");
-    set(VKLOG_CFG_TYPE_DIRECTORY, dir);
-    set(VKLOG_CFG_TYPE_OUTPUT_TYPE, "file");
-    set(VKLOG_CFG_TYPE_LEVEL, level);
-    set(VKLOG_CFG_TYPE_HEADER_FLAG, "time,pid,thread_id,file,function,line,level");
-    set(VKLOG_CFG_TYPE_LIMIT_FILE_SIZE, "1");
-    set(VKLOG_CFG_TYPE_BACKUP_FILE_COUNT, "0");
     int err = 0;
     FUZZ_CHECK(vklog_initialize_with_config(config, &err) == 0);
     vklog_t *cat = vklog_get_category("quil-manager-agent");
@@ -157,33 +150,28 @@ bool reply_allowed(int received, int sent)
 }
 
 // One outgoing body must decode with the agent's own codec, whole.
-void check_reply_body(int type, const uint8_t *body, size_t size)
+template <typename T> T *decoded(T *(*new_fn)(void *, size_t), int (*decode_fn)(T *, const uint8_t *, size_t),
+                                 const uint8_t *body, size_t size)
 {
     alignas(8) static uint8_t workspace[4 * k_max_body + 4096];
-    switch (type) {
-    case MSG_RES_PING:
+    T *m = new_fn(workspace, sizeof(workspace));
+    FUZZ_CHECK(m != nullptr && decode_fn(m, body, size) == static_cast<int>(size));
+    return m;
+}
+
+void check_reply_body(int type, const uint8_t *body, size_t size)
+{
+    if (type == MSG_RES_PING) {
         FUZZ_CHECK(size == 0);
-        break;
-    case MSG_RES_TIMEZONE_OFFSET: {
-        auto *m = res_timezone_offset_message_new(workspace, sizeof(workspace));
-        FUZZ_CHECK(m != nullptr &&
-                   res_timezone_offset_message_decode(m, body, size) == static_cast<int>(size));
-        break;
-    }
-    case MSG_REQ_TIMESYNC: {
-        auto *m = req_time_sync_new(workspace, sizeof(workspace));
-        FUZZ_CHECK(m != nullptr && req_time_sync_decode(m, body, size) == static_cast<int>(size));
-        break;
-    }
-    case MSG_RES_COMMAND: {
-        auto *m = res_command_message_new(workspace, sizeof(workspace));
-        FUZZ_CHECK(m != nullptr && res_command_message_decode(m, body, size) == static_cast<int>(size));
+    } else if (type == MSG_RES_TIMEZONE_OFFSET) {
+        decoded(res_timezone_offset_message_new, res_timezone_offset_message_decode, body, size);
+    } else if (type == MSG_REQ_TIMESYNC) {
+        decoded(req_time_sync_new, req_time_sync_decode, body, size);
+    } else {
+        FUZZ_CHECK(type == MSG_RES_COMMAND);
+        auto *m = decoded(res_command_message_new, res_command_message_decode, body, size);
         FUZZ_CHECK(m->phase_type == CMD_PHASE_IN_PROGRESS || m->phase_type == CMD_PHASE_DONE);
         FUZZ_CHECK(m->result_message != nullptr && valid_utf8(m->result_message));
-        break;
-    }
-    default:
-        FUZZ_CHECK(false);
     }
 }
 
@@ -214,36 +202,22 @@ void drain_replies(const setup_t &s, int received_type)
     }
 }
 
-bool terminated(const char *text, size_t size)
-{
-    return strnlen(text, size) < size;
-}
-
-void check_record(const cmd_info_t &r)
-{
-    FUZZ_CHECK(terminated(r.execution_id, sizeof(r.execution_id)) &&
-               terminated(r.command_id, sizeof(r.command_id)));
-    FUZZ_CHECK(terminated(r.agent_id, sizeof(r.agent_id)) && terminated(r.file_name, sizeof(r.file_name)));
-    FUZZ_CHECK(terminated(r.install_username, sizeof(r.install_username)) &&
-               terminated(r.install_path, sizeof(r.install_path)));
-    FUZZ_CHECK(terminated(r.run_username, sizeof(r.run_username)) &&
-               terminated(r.run_path, sizeof(r.run_path)));
-    FUZZ_CHECK(r.option_count >= 0 && r.option_count <= CMD_OPTION_COUNT);
-    FUZZ_CHECK(r.timeout >= 0);
-}
+#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
 
 // The ring's counters agree and its records are terminated.
-void check_state(const setup_t &)
+void check_state()
 {
     int start = -1, end = -1;
     const int count = cmd_ring_count(&start, &end);
-    FUZZ_CHECK(count >= 0 && count <= CMD_INFO_COUNT);
-    FUZZ_CHECK(start >= 0 && start < CMD_INFO_COUNT);
+    FUZZ_CHECK(count >= 0 && count <= CMD_INFO_COUNT && start >= 0 && start < CMD_INFO_COUNT);
     FUZZ_CHECK(end == (start + count) % CMD_INFO_COUNT);
     cmd_info_t r{};
     for (int slot = 0; slot < CMD_INFO_COUNT; slot++) {
         FUZZ_CHECK(cmd_ring_get(slot, &r) == 0);
-        check_record(r);
+        FUZZ_CHECK(TERMINATED(r.execution_id) && TERMINATED(r.command_id) && TERMINATED(r.agent_id) &&
+                   TERMINATED(r.file_name) && TERMINATED(r.install_username) && TERMINATED(r.install_path) &&
+                   TERMINATED(r.run_username) && TERMINATED(r.run_path));
+        FUZZ_CHECK(r.option_count >= 0 && r.option_count <= CMD_OPTION_COUNT && r.timeout >= 0);
     }
     FUZZ_CHECK(patch_count() >= 0);
 }
@@ -282,16 +256,13 @@ void reset(const setup_t &s)
 std::unique_ptr<char[]> build_packet(int type, const uint8_t *body, size_t body_length)
 {
     std::unique_ptr<char[]> packet(new char[VK_NIO_HEADER_LEN + body_length]);
-    auto *p = reinterpret_cast<uint8_t *>(packet.get());
     const uint32_t length = static_cast<uint32_t>(body_length) + VK_NIO_SUB_HEADER_LEN;
-    const uint8_t main_header[VK_NIO_MAIN_HEADER_LEN] = {0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0};
-    memcpy(p, main_header, sizeof(main_header));
-    for (int i = 0; i < 4; i++)
-        p[8 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
-    const uint8_t sub_header[VK_NIO_SUB_HEADER_LEN] = {
-        static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
-    memcpy(p + VK_NIO_MAIN_HEADER_LEN, sub_header, sizeof(sub_header));
-    memcpy(p + VK_NIO_HEADER_LEN, body, body_length);
+    const uint8_t header[VK_NIO_HEADER_LEN] = {
+        0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0, static_cast<uint8_t>(length >> 24), static_cast<uint8_t>(length >> 16),
+        static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length), static_cast<uint8_t>(type >> 8),
+        static_cast<uint8_t>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
+    memcpy(packet.get(), header, sizeof(header));
+    memcpy(packet.get() + VK_NIO_HEADER_LEN, body, body_length);
     return packet;
 }
 
@@ -313,7 +284,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const int rc = read_msg_nio(packet.get(), &socket);
         FUZZ_CHECK(rc <= 0 && rc >= -8);
         drain_replies(s, type);
-        check_state(s);
+        check_state();
     }
     reset(s);
     return 0;

@@ -24,30 +24,17 @@
 namespace fuzz_support
 {
 
-[[noreturn]] void check_failed(const char *condition, int line);
-
-inline int remove_entry(const char *path, const struct stat *, int, struct FTW *)
-{
-    remove(path);
-    return 0;
-}
-
 inline std::string &temp_dir_path()
 {
     static std::string path;
     return path;
 }
 
-inline bool keep_temp_dir()
-{
-    const char *keep = getenv("QUIL_FUZZ_KEEP_TMPDIR"); // "1": left for a look afterwards
-    return keep != nullptr && strcmp(keep, "1") == 0;
-}
-
 inline void remove_temp_dir()
 {
-    if (!temp_dir_path().empty() && !keep_temp_dir())
-        nftw(temp_dir_path().c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    if (!temp_dir_path().empty())
+        nftw(temp_dir_path().c_str(), [](const char *path, const struct stat *, int, FTW *) { return remove(path); },
+             16, FTW_DEPTH | FTW_PHYS);
 }
 
 // A failed check: the directory goes too (libFuzzer ends with abort, not exit).
@@ -58,18 +45,15 @@ inline void remove_temp_dir()
     std::abort();
 }
 
-// The process's private <base>/quil_fuzz_<name>.XXXXXX, made on the first call and removed
-// at a normal exit or a failed check (kept when QUIL_FUZZ_KEEP_TMPDIR is "1"). The base is
-// $QUIL_FUZZ_TMPDIR, else /dev/shm when writable (the targets write files on every run:
-// memory is much faster than a disk), else /tmp. Aborts when it cannot be made.
+// The process's private quil_fuzz_<name>.XXXXXX under /dev/shm when writable (the targets
+// write files on every run: memory is much faster than a disk), else /tmp; made on the first
+// call, removed at a normal exit or a failed check. Aborts when it cannot be made.
 inline const std::string &temp_dir(const char *name)
 {
     std::string &path = temp_dir_path();
     if (path.empty()) {
-        const char *base = getenv("QUIL_FUZZ_TMPDIR");
-        if (base == nullptr || base[0] == '\0')
-            base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        std::string pattern = std::string(base) + "/quil_fuzz_" + name + ".XXXXXX";
+        std::string pattern = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/quil_fuzz_" +
+                              name + ".XXXXXX";
         FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr);
         path = pattern;
         atexit(remove_temp_dir);
@@ -85,29 +69,21 @@ inline void make_dir(const std::string &path)
 // Replaces the file with exactly these bytes.
 inline void write_file(const std::string &path, const void *data, size_t size)
 {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    FUZZ_CHECK(fd >= 0);
-    const auto *p = static_cast<const uint8_t *>(data);
-    for (size_t done = 0; done < size;) {
-        ssize_t n = write(fd, p + done, size - done);
-        FUZZ_CHECK(n > 0);
-        done += static_cast<size_t>(n);
-    }
-    close(fd);
+    FILE *f = fopen(path.c_str(), "we");
+    FUZZ_CHECK(f != nullptr);
+    FUZZ_CHECK(fwrite(data, 1, size, f) == size && fclose(f) == 0);
 }
 
 // Names in a directory, without "." and "..". Empty when it cannot be opened.
 inline std::vector<std::string> list_dir(const std::string &path)
 {
     std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr)
-        return names;
-    while (const dirent *entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-            names.emplace_back(entry->d_name);
+    if (DIR *dir = opendir(path.c_str())) {
+        while (const dirent *entry = readdir(dir))
+            if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+                names.emplace_back(entry->d_name);
+        closedir(dir);
     }
-    closedir(dir);
     return names;
 }
 
@@ -115,11 +91,7 @@ inline std::vector<std::string> list_dir(const std::string &path)
 // reader under test.
 inline void detach_stdin()
 {
-    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        dup2(fd, STDIN_FILENO);
-        close(fd);
-    }
+    FUZZ_CHECK(freopen("/dev/null", "r", stdin) != nullptr);
 }
 
 using tokens_t = std::vector<std::pair<std::string, std::string>>;

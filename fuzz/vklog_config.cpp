@@ -105,32 +105,21 @@ int model_load(std::string_view file, std::vector<std::string> *sections)
     return 0;
 }
 
-bool terminated(const char *text, size_t size)
-{
-    return strnlen(text, size) < size;
-}
+#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
 
 // A configuration in force must be finished and its texts terminated.
 void check_config(const vklog_t &cat, const vklog_config_t &config)
 {
-    FUZZ_CHECK(terminated(config.name, sizeof(config.name)) && config.name_len == strlen(config.name));
-    FUZZ_CHECK(terminated(config.out_file, sizeof(config.out_file)));
+    FUZZ_CHECK(TERMINATED(config.name) && TERMINATED(config.out_file) && TERMINATED(config.out_dir) &&
+               TERMINATED(config.backup_dir) && TERMINATED(config.vklogger_ip) && TERMINATED(config.out_path) &&
+               TERMINATED(config.backup_path));
+    FUZZ_CHECK(config.name_len == strlen(config.name));
     FUZZ_CHECK(config.out_file_len == strlen(config.out_file) && config.out_file_len > 0);
-    FUZZ_CHECK(terminated(config.out_dir, sizeof(config.out_dir)));
-    FUZZ_CHECK(terminated(config.backup_dir, sizeof(config.backup_dir)));
-    FUZZ_CHECK(terminated(config.vklogger_ip, sizeof(config.vklogger_ip)));
-    FUZZ_CHECK(terminated(config.out_path, sizeof(config.out_path)));
-    FUZZ_CHECK(terminated(config.backup_path, sizeof(config.backup_path)));
-    std::string_view out_path(config.out_path);
-    std::string dir_prefix = config.out_dir[0] != '\0' ? std::string(config.out_dir) + "/" : "";
-    FUZZ_CHECK(out_path == dir_prefix + config.out_file);
-    if (config.backup_dir[0] != '\0')
-        FUZZ_CHECK(std::string_view(config.backup_path) ==
-                   std::string(config.backup_dir) + "/" + config.out_file);
-    else
-        FUZZ_CHECK(std::string_view(config.backup_path) == out_path);
-    FUZZ_CHECK(config.vklogger_port != 0);
-    FUZZ_CHECK((config.file_permission & 0111u) == 0);
+    const std::string out_path = (config.out_dir[0] != '\0' ? std::string(config.out_dir) + "/" : "") + config.out_file;
+    FUZZ_CHECK(out_path == config.out_path);
+    FUZZ_CHECK((config.backup_dir[0] != '\0' ? std::string(config.backup_dir) + "/" + config.out_file : out_path) ==
+               config.backup_path);
+    FUZZ_CHECK(config.vklogger_port != 0 && (config.file_permission & 0111u) == 0);
     FUZZ_CHECK(config.out_dir[0] == '\0' || config.limit_size != 0);
     FUZZ_CHECK(config.level.value >= VKLOG_LEVEL_FATAL && config.level.value <= VKLOG_LEVEL_TRACE);
     FUZZ_CHECK(std::string_view("<=>").find(static_cast<char>(config.level.inequality_sign)) !=

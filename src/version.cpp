@@ -3,7 +3,6 @@
 #include "version.h"
 
 #include <array>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,8 +39,6 @@ constexpr int k_word_bits = 64;
 
 constexpr std::array<std::string_view, 12> k_month_names = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-std::atomic<unsigned> s_format_count{0};
 
 char s_agent_version[128];
 char s_build_version[64];
@@ -80,7 +77,6 @@ const char *get_manager_agent_version()
     std::call_once(s_agent_once, [] {
         snprintf(s_agent_version, sizeof s_agent_version, "%s (mc: %s, cc: %s, pc: %s)", k_agent_version,
                  QUIL_VERSION_MC, QUIL_VERSION_CC, QUIL_VERSION_PC);
-        s_format_count++;
     });
     return s_agent_version;
 }
@@ -90,7 +86,6 @@ const char *get_manager_build_version_string()
     std::call_once(s_build_once, [] {
         snprintf(s_build_version, sizeof s_build_version, "%s %s",
                  conv_manager_build_version_string(QUIL_BUILD_DATE), QUIL_BUILD_TIME);
-        s_format_count++;
     });
     return s_build_version;
 }
@@ -102,12 +97,6 @@ const char *get_manager_full_version_string()
                  "<Tarvane %s> quil-manager-agent %s [%s %s %dbit] Build %s (mc:%s,cc:%s,pc:%s)",
                  k_suite_version, k_agent_version, k_os_name, k_machine, k_word_bits,
                  get_manager_build_version_string(), QUIL_VERSION_MC, QUIL_VERSION_CC, QUIL_VERSION_PC);
-        s_format_count++;
     });
     return s_full_version;
-}
-
-unsigned version_format_count()
-{
-    return s_format_count.load();
 }

@@ -12,5 +12,3 @@ const char *get_manager_full_version_string();
 // Converts "Mmm dd yyyy" into "YY-MM-DD" in its own static buffer (an unknown month gives
 // 00). Not thread-safe: callers use the getters above.
 const char *conv_manager_build_version_string(const char *date);
-// Number of times a getter has formatted its text (each formats once per process).
-unsigned version_format_count();

@@ -4,7 +4,7 @@
 // a changed table value.
 #include "pub_conf.h"
 
-#include "daemon_support.h"
+#include "agent_home.h"
 #include "global_var.h"
 #include "pub_func.h"
 #include "vklog.h"
@@ -91,42 +91,14 @@ TEST(ReceiverAddress, SetFromThePresetTable)
     ASSERT_EQ(init_properties_preset(), 0);
 }
 
-// A private installation home with MGR_QUIL_MANAGER_HOME pointing at its manager directory,
-// bootstrapped once with the defaults.
-class BootstrapTest : public ::testing::Test
-{
-  protected:
-    void SetUp() override
-    {
-        ASSERT_FALSE(dir.path.empty());
-        ASSERT_EQ(init_global_var(dir.path.c_str()), 0);
-        ASSERT_EQ(mkdir(manager.c_str(), 0700), 0);
-        ASSERT_EQ(mkdir((manager + "/data").c_str(), 0700), 0);
-        setenv("MGR_QUIL_MANAGER_HOME", manager.c_str(), 1);
-        testing::internal::CaptureStdout();
-        ASSERT_EQ(initialize_configure_manager_agent(0), 0);
-        testing::internal::GetCapturedStdout();
-        ASSERT_NE(g_vklog.load(), nullptr);
-    }
-    void TearDown() override
-    {
-        vklog_fini();
-        destroy_configure(g_conf_handle);
-        g_conf_handle = nullptr;
-        unsetenv("MGR_QUIL_MANAGER_HOME");
-    }
-    int level() { return g_vklog.load()->level.load().value; }
-    std::string log_text() { return read_file(manager + "/log/quil-manager-agent.log"); }
-
-    temp_dir dir{"pub_conf_test"};
-    std::string manager = dir.path + "/manager";
-};
+using BootstrapTest = agent_home::AgentHomeTest;
 
 TEST_F(BootstrapTest, FileAndTableValuesReachTheLog)
 {
     vklog_fini(); // a second bootstrap takes the file's values
     std::ofstream(manager + "/data/config", std::ios::app) << "MGR_LOG_LEVEL=warn\n";
     ASSERT_EQ(initialize_configure_manager_agent(0), 0);
+    auto level = [] { return g_vklog.load()->level.load().value; };
     EXPECT_EQ(level(), VKLOG_LEVEL_WARN);
 
     // update_vklog applies what the table holds.

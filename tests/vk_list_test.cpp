@@ -1,10 +1,11 @@
-// Tests of the vklist list: order at both ends, indexing, removal with ownership, and the
-// move_bulk overwrite rule the send queue relies on.
+// Tests of the vklist list: the queue operations and the move_bulk overwrite rule the send
+// queue relies on, and one smoke test of the operations nothing in the agent calls.
 #include "vk_list.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <vector>
 
 namespace
@@ -31,76 +32,20 @@ struct ListDeleter {
 };
 using list_ptr = std::unique_ptr<vklist_t, ListDeleter>;
 
-TEST(VkList, PushPopAtBothEndsKeepsOrderAndCount)
+std::vector<int> s_released;
+void release(void *d)
 {
-    list_ptr list(create_vklist());
-    ASSERT_TRUE(list);
-    EXPECT_EQ(is_empty_vklist(list.get()), 1);
-    EXPECT_EQ(push_back_vklist(list.get(), boxed(2)), 1);
-    EXPECT_EQ(push_back_vklist(list.get(), boxed(3)), 2);
-    EXPECT_EQ(push_front_vklist(list.get(), boxed(1)), 3);
-    EXPECT_EQ(values(list.get()), (std::vector<int>{1, 2, 3}));
-
-    vknode_t *cursor = back_node_vklist(list.get());
-    std::vector<int> reversed;
-    while (void *d = prev_node_data_vklist(&cursor))
-        reversed.push_back(*static_cast<int *>(d));
-    EXPECT_EQ(reversed, (std::vector<int>{3, 2, 1}));
-
-    int *front = static_cast<int *>(pop_front_vklist(list.get()));
-    int *back = static_cast<int *>(pop_back_vklist(list.get()));
-    EXPECT_EQ(*front, 1);
-    EXPECT_EQ(*back, 3);
-    free(front);
-    free(back);
-    EXPECT_EQ(count_vklist(list.get()), 1u);
-    EXPECT_EQ(*static_cast<int *>(front_vklist(list.get())), 2);
-    EXPECT_EQ(front_vklist(list.get()), back_vklist(list.get()));
-    EXPECT_EQ(push_back_vklist(nullptr, nullptr), -1);
+    s_released.push_back(*static_cast<int *>(d));
+    free(d);
 }
 
-TEST(VkList, FindIndexIsBoundedByTheCount)
-{
-    list_ptr list(create_vklist());
-    for (int i = 0; i < 4; i++)
-        push_back_vklist(list.get(), boxed(i * 10));
-    EXPECT_EQ(*static_cast<int *>(find_index_vklist(list.get(), 0)), 0);
-    EXPECT_EQ(*static_cast<int *>(find_index_vklist(list.get(), 3)), 30);
-    EXPECT_EQ(find_index_vklist(list.get(), count_vklist(list.get())), nullptr);
-    EXPECT_EQ(find_index_vklist(nullptr, 0), nullptr);
-}
-
-TEST(VkList, RemovalUnlinksAnyPositionAndReleasesTheData)
-{
-    static std::vector<int> released;
-    released.clear();
-    auto release = [](void *d) {
-        released.push_back(*static_cast<int *>(d));
-        free(d);
-    };
-    list_ptr list(create_vklist());
-    std::vector<int *> data;
-    for (int i = 0; i < 5; i++) {
-        data.push_back(boxed(i));
-        push_back_vklist(list.get(), data.back());
-    }
-    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), 0); // middle
-    EXPECT_EQ(remove_node_vklist(list.get(), front_node_vklist(list.get()), release), 0);
-    EXPECT_EQ(remove_node_vklist(list.get(), back_node_vklist(list.get()), release), 0);
-    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), -1); // already gone
-    EXPECT_EQ(values(list.get()), (std::vector<int>{1, 3}));
-    EXPECT_EQ(released, (std::vector<int>{2, 0, 4}));
-    clean_vklist(list.get(), release);
-    EXPECT_EQ(is_empty_vklist(list.get()), 1);
-    EXPECT_EQ(front_node_vklist(list.get()), nullptr);
-    EXPECT_EQ(released.size(), 5u);
-}
-
-TEST(VkList, MoveBulkOverwritesTheTargetAndEmptiesTheSource)
+TEST(VkList, QueueOrderAndMoveBulkOverwritesTheTarget)
 {
     list_ptr from(create_vklist()), to(create_vklist()), stale(create_vklist());
+    ASSERT_TRUE(from && to && stale);
+    EXPECT_EQ(is_empty_vklist(from.get()), 1);
     for (int i = 0; i < 3; i++)
-        push_back_vklist(from.get(), boxed(i));
+        EXPECT_EQ(push_back_vklist(from.get(), boxed(i)), i + 1);
     push_back_vklist(to.get(), boxed(99));
 
     // `to` is overwritten, not appended to: keep its old nodes reachable to free them.
@@ -112,6 +57,43 @@ TEST(VkList, MoveBulkOverwritesTheTargetAndEmptiesTheSource)
     EXPECT_EQ(values(stale.get()), (std::vector<int>{99}));
     EXPECT_EQ(push_back_vklist(from.get(), boxed(7)), 1); // the source stays usable
     EXPECT_EQ(move_bulk_vklist(nullptr, to.get()), -1);
+    EXPECT_EQ(push_back_vklist(nullptr, nullptr), -1);
+
+    int *first = static_cast<int *>(pop_front_vklist(to.get()));
+    EXPECT_EQ(*first, 0);
+    free(first);
+    EXPECT_EQ(count_vklist(to.get()), 2u);
+    s_released.clear();
+    clean_vklist(to.get(), release);
+    EXPECT_EQ(s_released, (std::vector<int>{1, 2}));
+    EXPECT_EQ(is_empty_vklist(to.get()), 1);
+    clean_vklist(stale.get(), release);
+    clean_vklist(from.get(), release);
+}
+
+TEST(VkList, UnusedOperationsSmoke)
+{
+    list_ptr list(create_vklist());
+    std::vector<int *> data;
+    for (int i = 0; i < 5; i++) {
+        data.push_back(boxed(i));
+        push_front_vklist(list.get(), data.back()); // 4 3 2 1 0
+    }
+    EXPECT_EQ(*static_cast<int *>(find_index_vklist(list.get(), 1)), 3);
+    EXPECT_EQ(find_index_vklist(list.get(), 5), nullptr);
+    vknode_t *cursor = back_node_vklist(list.get());
+    EXPECT_EQ(*static_cast<int *>(prev_node_data_vklist(&cursor)), 0);
+    s_released.clear();
+    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), 0);
+    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), -1); // already gone
+    EXPECT_EQ(remove_node_vklist(list.get(), front_node_vklist(list.get()), release), 0);
+    int *back = static_cast<int *>(pop_back_vklist(list.get()));
+    EXPECT_EQ(*back, 0);
+    free(back);
+    EXPECT_EQ(values(list.get()), (std::vector<int>{3, 1}));
+    EXPECT_EQ(*static_cast<int *>(front_vklist(list.get())) * 10 + *static_cast<int *>(back_vklist(list.get())), 31);
+    EXPECT_EQ(s_released, (std::vector<int>{2, 4}));
+    clean_vklist(list.get(), release);
 }
 
 } // namespace

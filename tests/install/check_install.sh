@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # check_install.sh: checks what `cmake --install` and `cpack -G DEB` make of a build: the
 # installed layout, the systemd unit (its settings, its start check, systemd-analyze verify
-# when available), the manual page, the package's contents and control data, and the
-# package's postinst run against a private root. Registered as the ctest InstallLayout.
+# when available), the manual page's header and groff warnings, the package's contents and
+# control data, and the package's postinst run against a private root. Registered as the ctest InstallLayout.
 # Usage: check_install.sh [BUILD_DIR [SOURCE_DIR [SANITIZER]]]
 #   no BUILD_DIR: configures and builds the daemon in a fresh temporary build directory.
 #   SANITIZER non-empty: the build is instrumented; nothing worth installing, skipped.
@@ -55,14 +55,12 @@ check "every installed file is under the prefix" test -z "$escaped"
 unit=$stage/lib/systemd/system/quil-manager-agent.service
 defaults=$stage/etc/default/quil-manager-agent
 man8=$stage/share/man/man8/quil-manager-agent.8
-check "daemon installed in sbin" test -x "$stage/sbin/quil-manager-agent"
-check "unit installed" test -f "$unit"
-check "environment file installed" test -f "$defaults"
-check "manual page installed" test -f "$man8"
-if [ -x "$build/tools/quil-dg-sim" ]; then
-    check "simulator installed in bin" test -x "$stage/bin/quil-dg-sim"
-    check "simulator manual page installed" test -f "$stage/share/man/man1/quil-dg-sim.1"
-fi
+installed=("$stage/sbin/quil-manager-agent" "$unit" "$defaults" "$man8")
+[ -x "$build/tools/quil-dg-sim" ] && installed+=("$stage/bin/quil-dg-sim" "$stage/share/man/man1/quil-dg-sim.1")
+for path in "${installed[@]}"; do
+    check "installed: ${path#"$stage"/}" test -f "$path"
+done
+check "daemon is executable" test -x "$stage/sbin/quil-manager-agent"
 banner=$("$stage/sbin/quil-manager-agent" -v 2>&1 || true)
 check "installed daemon runs and reports version $version" grep -qF "quil-manager-agent $version " <<<"$banner"
 
@@ -96,13 +94,6 @@ check "unit start check made data and tmp 0700" \
 check "manual page: .TH line" grep -qE "^\.TH QUIL-MANAGER-AGENT 8 .*$version" "$man8"
 if have groff; then
     check "manual page: no groff warnings" test -z "$(groff -man -ww -z "$man8" 2>&1)"
-fi
-if have man; then
-    rendered=$(MANWIDTH=100 man -l "$man8" 2>/dev/null || true) # plain text when piped
-    for section in NAME SYNOPSIS DESCRIPTION OPTIONS ENVIRONMENT FILES SIGNALS "EXIT STATUS"; do
-        check "manual page renders section $section" grep -qx "$section" <<<"$rendered"
-    done
-    check "manual page names the pid file" grep -qF "data/manager_agent_pid" <<<"$rendered"
 fi
 
 # verify_unit UNIT BINARY MANROOT: systemd-analyze verify on a copy whose ExecStart names
@@ -143,10 +134,9 @@ if [ -n "${deb:-}" ] && [ -f "$deb" ]; then
         check "package contains $path" grep -qxF "$path" <<<"$contents"
     done
     check "package leaves the simulator out" test -z "$(grep -F quil-dg-sim <<<"$contents" || true)"
-    check "package name" test "$(dpkg-deb -f "$deb" Package)" = quil-manager-agent
-    check "package version $version" grep -qE "^$version(-|$)" <<<"$(dpkg-deb -f "$deb" Version)"
+    check "package name and version $version" grep -qE "^quil-manager-agent $version(-|$)" \
+        <<<"$(dpkg-deb -f "$deb" Package Version | sed 's/^[A-Za-z]*: //' | paste -sd ' ')"
     check "package depends on libcjson1" grep -qE '(^|, )libcjson1( |,|$)' <<<"$(dpkg-deb -f "$deb" Depends)"
-    check "package has a maintainer" test -n "$(dpkg-deb -f "$deb" Maintainer)"
 
     control=$work/control
     dpkg-deb -e "$deb" "$control"
