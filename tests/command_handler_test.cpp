@@ -129,6 +129,19 @@ TEST_F(CommandIntake, CommandsAreAcknowledgedAndQueuedInARingOfHundred)
 
 // The file's bytes and mode and a late chunk are the scenario tests'; here a second
 // patch_start and a chunk of another execution during the transfer, and the options kept.
+// The decoder is sized from the request: any number of options decodes and is answered.
+TEST_F(CommandIntake, RequestsWithManyOptionsDecode)
+{
+    for (int options : {1, 10, 200, 1000}) {
+        dg::req_command_message restart = request(1, "m" + std::to_string(options));
+        for (int i = 1; i < options; i++)
+            (*restart.mutable_target_agent_infos())["key" + std::to_string(i)] = std::string(40, 'v');
+        EXPECT_EQ(send(restart), 0) << options << " options, " << restart.ByteSizeLong() << " bytes";
+        EXPECT_EQ(result().result(), 1);
+    }
+    EXPECT_EQ(cmd_ring_count(), 4);
+}
+
 TEST_F(CommandIntake, PatchArrivesInChunksAndQueuesItsCommand)
 {
     const std::string data = "#!/bin/sh\necho vkSuccess\n" + std::string(100, '#');
