@@ -17,6 +17,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "global_var.h"
 #include "vk_list.h"
@@ -84,8 +85,13 @@ int s_last_send_errno = 0;
 
 // Wakes the sender when a packet is queued, so an idle sender sleeps instead of looking at
 // an empty queue ten times a second. Producers set the flag under the mutex after their push.
+// The condition variable is never destroyed: a stop ends the process with exit() while the
+// connection thread may still be queuing, and a static destructor would tear it down under
+// that thread. It is built in static storage, so this costs no allocation. (std::mutex has
+// no destructor to run.)
 std::mutex s_sender_wake_mutex;
-std::condition_variable s_sender_wake;
+alignas(std::condition_variable) unsigned char s_sender_wake_storage[sizeof(std::condition_variable)];
+std::condition_variable &s_sender_wake = *new (s_sender_wake_storage) std::condition_variable;
 bool s_sender_wake_pending = false;
 // Longest the idle sender sleeps before it looks at the stop flag again (a stop is not
 // signalled through the condition variable: the signal handler and other threads just set
