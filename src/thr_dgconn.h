@@ -37,7 +37,7 @@ void *thr_DGConn(void *argument);
 // socket (> 0), -1 when no socket could be opened or the address is unusable, or connect's
 // negative result (the socket is closed then; errno tells why).
 [[nodiscard]] int ConnectDGServer(uint32_t ip, int port);
-// Closes socket (values below 1 are ignored) and marks the connection down. Waits for a
+// Closes socket (values below 1 are ignored) and its TLS session, and marks the connection down. Waits for a
 // write in progress to finish, so no packet is ever written into a reused descriptor.
 void DisconnectDGServer(int socket);
 // Handshake on a fresh socket: the agent information message, then the first reply read
@@ -96,6 +96,8 @@ void send_buffer_switch(int state);
 // -1 with errno when the socket fails (0 for a zero length). A failure after part of the
 // buffer went out (the send time-out of a DG that stopped reading) returns the part and
 // shuts the socket down, since the DG would read the next packet from the middle of this one.
+// A socket with a TLS session writes through it (dg_tls_send): any failure returns -1 and
+// shuts the socket down.
 ssize_t Write(int socket, const void *buffer, size_t length, int flags);
 // Thread body of THR_DGCONN_SENDER: writes the queue while connected, at most every 100 ms
 // (a queued packet waits at most that long); with nothing queued it sleeps until a packet is
