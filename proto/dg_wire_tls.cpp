@@ -167,6 +167,7 @@ int tls_server::load(const tls_server_options &o, std::string *error)
     SSL_CTX_set_options(m_ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(m_ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_read_ahead(m_ctx, 1);
+    SSL_CTX_set_default_read_buffer_len(m_ctx, 256 * 1024);
     auto fail = [&](const std::string &what) {
         *error = what + ": " + library_error();
         return -1;

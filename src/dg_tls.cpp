@@ -417,6 +417,7 @@ ctx_ptr build_context(refusal *r)
     SSL_CTX_set_session_cache_mode(ctx.get(), SSL_SESS_CACHE_OFF);
     // Read what the socket holds in one go rather than record by record.
     SSL_CTX_set_read_ahead(ctx.get(), 1);
+    SSL_CTX_set_default_read_buffer_len(ctx.get(), 256 * 1024);
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER, nullptr);
     int rc = 0;
     if (s_settings.mode == DG_TLS_CERT) {

@@ -89,6 +89,12 @@ else
 fi
 check "unit start check passes with both settings" \
     env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR=127.0.0.1:7000 bash -c "$pre"
+if (env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR=127.0.0.1:7000 MGR_TLS_CONNECT=bogus \
+    bash -c "$pre") 2>/dev/null; then
+    fail "unit start check accepts MGR_TLS_CONNECT=bogus"
+else
+    echo "ok: unit start check refuses a bad TLS setting"
+fi
 check "unit start check made data and tmp 0700" \
     test "$(mode_of "$work/home/manager/data") $(mode_of "$work/home/manager/tmp")" = "700 700"
 
