@@ -179,7 +179,7 @@ struct options {
     {
         return ("," + only + ",").find(std::string(",") + part + ",") != std::string::npos;
     }
-    bool fed_by(bool sim) const { return feed == "both" || feed == (sim ? "sim" : "minimal"); }
+    bool fed_by(bool sim) const { return feed == "both" || feed == (sim ? "sim" : feed == "tls" ? "tls" : "minimal"); }
 };
 
 const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
@@ -190,7 +190,8 @@ const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
   --connects N      reconnections timed for the connect part (default 10; 5 s apart)
   --only LIST       comma-separated parts to run: ping,patch,connect,idle (default all)
   --feed WHO        senders for ping and patch: minimal, sim or both (default both; the
-                    ratios that need the other sender then print as 0)
+                    ratios that need the other sender then print as 0); tls: only the
+                    agent over TLS from the minimal DG (patch; for profiling)
   --dir DIR         where the homes and files go (default /tmp); every receiver writes to
                     this one file system
 )";
@@ -523,6 +524,7 @@ struct transfer {
     double seconds = -1;
     long peak_rss_kib = 0; // sampled VmRSS maximum during the transfer
     long hwm_kib = 0;      // VmHWM after it (reset just before)
+    double cpu_seconds = 0; // the receiver's run time over the transfer, all threads
 };
 
 // One patch of `src` to the receiver's "write success" result; then, for the agent, its done
@@ -539,6 +541,7 @@ bool session_run(session &s, const std::string &src, uint64_t bytes, int run, tr
     size_t from = s.mark();
     rss_sampler sampler(s.pid());
     std::string error;
+    const long long cpu0 = cpu_ns(s.pid());
     auto t0 = steady::now();
     if (!s.patch(src, bytes, exec, agent_id, name, &error)) {
         fprintf(stderr, "dg_bench: transfer %d to %s: %s\n", run, s.name().c_str(), error.c_str());
@@ -550,6 +553,7 @@ bool session_run(session &s, const std::string &src, uint64_t bytes, int run, tr
         },
         900s, from);
     out->seconds = seconds_since(t0);
+    out->cpu_seconds = static_cast<double>(cpu_ns(s.pid()) - cpu0) / 1e9;
     out->peak_rss_kib = sampler.stop();
     out->hwm_kib = status_kib(s.pid(), "VmHWM:");
     if (!answer || answer->result != 1) {
@@ -606,7 +610,7 @@ bool run_patch(const options &opt)
     constexpr int k_sessions = 5;
     std::unique_ptr<session> sessions[k_sessions];
     for (int i = 0; i < k_sessions; i++) {
-        if (!opt.fed_by(i == 2 || i == 3) || (i == 4 && tls(opt) == nullptr))
+        if (!opt.fed_by(i == 2 || i == 3) || (i == 4 && tls(opt) == nullptr) || (opt.feed == "tls" && i != 4))
             continue;
         sessions[i] = std::make_unique<session>(opt, i % 2 == 0, i == 2 || i == 3, i == 4 ? tls(opt) : nullptr);
         if (!sessions[i]->ok()) {
@@ -615,7 +619,7 @@ bool run_patch(const options &opt)
             return false;
         }
     }
-    std::vector<double> floor_rate, rate[k_sessions];
+    std::vector<double> floor_rate, rate[k_sessions], cpu[k_sessions];
     long peak[k_sessions] = {};
     // Interleaved, so a change of load on the shared machine touches every pairing alike.
     for (int run = 1; run <= opt.runs; run++) {
@@ -634,6 +638,7 @@ bool run_patch(const options &opt)
             if (!session_run(*sessions[i], src, bytes, run, &t))
                 return false;
             rate[i].push_back(mb / t.seconds);
+            cpu[i].push_back(t.cpu_seconds * 1024.0 / static_cast<double>(opt.patch_mib)); // s per GiB
             peak[i] = std::max({peak[i], t.peak_rss_kib, t.hwm_kib});
             printf(" | %s %.1f", sessions[i]->name().c_str(), rate[i].back());
         }
@@ -660,14 +665,15 @@ bool run_patch(const options &opt)
     for (int i = 0; i < k_sessions; i++) {
         r[i] = median(rate[i]);
         if (sessions[i])
-            printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB\n", sessions[i]->name().c_str(),
-                   r[i], r[i] / f, peak[i] / 1024.0);
+            printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB   receiver CPU %.2f s/GiB\n",
+                   sessions[i]->name().c_str(), r[i], r[i] / f, peak[i] / 1024.0, median(cpu[i]));
     }
     printf("RESULT patch floor %.1f MB/s | direct agent %.1f MB/s ratio-to-floor %.2f minimal-peer %.1f MB/s | "
            "via-sim agent %.1f MB/s minimal-peer %.1f MB/s ratio %.2f | agent-peak-rss %.2f MiB\n",
            f, r[0], r[0] / f, r[1], r[2], r[3], r[3] > 0 ? r[2] / r[3] : 0.0, std::max(peak[0], peak[2]) / 1024.0);
-    printf("RESULT patch-tls agent %.1f MB/s tcp %.1f MB/s ratio-to-tcp %.2f (median of run-by-run) peak-rss %.2f MiB\n",
-           r[4], r[0], tls_ratio, peak[4] / 1024.0);
+    printf("RESULT patch-tls agent %.1f MB/s tcp %.1f MB/s ratio-to-tcp %.2f (median of run-by-run) peak-rss %.2f MiB "
+           "| agent CPU tls %.2f s/GiB tcp %.2f s/GiB\n",
+           r[4], r[0], tls_ratio, peak[4] / 1024.0, median(cpu[4]), median(cpu[0]));
     return true;
 }
 
@@ -779,7 +785,7 @@ bool parse(int argc, char **argv, options *opt)
             return false;
     }
     return opt->pings > 0 && opt->patch_mib > 0 && opt->runs > 0 && opt->idle_seconds > 0 && opt->connects > 0 &&
-           (opt->feed == "minimal" || opt->feed == "sim" || opt->feed == "both");
+           (opt->feed == "minimal" || opt->feed == "sim" || opt->feed == "both" || opt->feed == "tls");
 }
 
 } // namespace

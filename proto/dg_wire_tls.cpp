@@ -3,6 +3,8 @@
 #include "dg_wire_tls.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -167,7 +169,6 @@ int tls_server::load(const tls_server_options &o, std::string *error)
     SSL_CTX_set_options(m_ctx, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(m_ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_read_ahead(m_ctx, 1);
-    SSL_CTX_set_default_read_buffer_len(m_ctx, 256 * 1024);
     auto fail = [&](const std::string &what) {
         *error = what + ": " + library_error();
         return -1;
@@ -206,6 +207,9 @@ int tls_server::load(const tls_server_options &o, std::string *error)
 std::unique_ptr<tls_stream> tls_server::accept(int fd, std::chrono::milliseconds timeout, std::string *error)
 {
     SSL *ssl = SSL_new(m_ctx);
+    // As TLS terminators do: a record's short tail is not held back for the peer's ACK.
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     int flags = fcntl(fd, F_GETFL);
     if (ssl == nullptr || SSL_set_fd(ssl, fd) != 1 || flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
         SSL_free(ssl);
