@@ -80,7 +80,11 @@ done
 
 # The unit's start check, run as systemd would ($$ is systemd's escape for $): it refuses
 # a missing address and creates the missing data and tmp directories, private.
-pre=$(sed -n 's/^ExecStartPre=//p' "$unit" | sed 's/\$\$/$/g')
+# The daemon's path in it is the prefix's; here it runs from the staging directory. systemd
+# stops at the first ExecStartPre that fails.
+daemon_path=$(sed -n 's/^ExecStart=//p' "$unit")
+pre=$(sed -n 's/^ExecStartPre=//p' "$unit" | sed 's/\$\$/$/g' | sed "s#$daemon_path#$stage/sbin/quil-manager-agent#g" |
+    awk 'NR > 1 { printf " && " } { printf "%s", $0 }')
 check "unit: ExecStartPre present" test -n "$pre"
 if (env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR= bash -c "$pre") 2>/dev/null; then
     fail "unit start check accepts an empty MGR_RECEIVER_ADDR"
