@@ -670,6 +670,8 @@ int dg_tls_connect(int sock, char *reason, size_t reason_size)
 
 ssize_t dg_tls_recv(int sock, void *buffer, size_t size)
 {
+    if (size == 0)
+        return 0;
     const int n = size > INT32_MAX ? INT32_MAX : static_cast<int>(size);
     for (;;) {
         short want = 0;
