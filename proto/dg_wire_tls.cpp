@@ -160,6 +160,8 @@ tls_server::~tls_server()
 
 int tls_server::load(const tls_server_options &o, std::string *error)
 {
+    // Front threads may still be in the library while the process exits.
+    OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
     m_ctx = SSL_CTX_new(TLS_server_method());
     if (m_ctx == nullptr) {
         *error = library_error();
