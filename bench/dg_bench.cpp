@@ -171,14 +171,15 @@ struct options {
     long patch_mib = 1024;
     int runs = 3;
     int idle_seconds = 60;
-    std::string only = "ping,patch,idle";
+    int connects = 10;
+    std::string only = "ping,patch,connect,idle";
     std::string feed = "both"; // minimal, sim or both
     std::string dir = "/tmp";
     bool wants(const char *part) const
     {
         return ("," + only + ",").find(std::string(",") + part + ",") != std::string::npos;
     }
-    bool fed_by(bool sim) const { return feed == "both" || feed == (sim ? "sim" : "minimal"); }
+    bool fed_by(bool sim) const { return feed == "both" || feed == (sim ? "sim" : feed == "tls" ? "tls" : "minimal"); }
 };
 
 const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
@@ -186,12 +187,55 @@ const char k_usage[] = R"(Usage: dg_bench [OPTIONS]
   --patch-mib M     size of the patch file in MiB (default 1024)
   --runs R          transfers per pairing, the median is reported (default 3)
   --idle-seconds S  length of the idle window (default 60)
-  --only LIST       comma-separated parts to run: ping,patch,idle (default all)
+  --connects N      reconnections timed for the connect part (default 10; 5 s apart)
+  --only LIST       comma-separated parts to run: ping,patch,connect,idle (default all)
   --feed WHO        senders for ping and patch: minimal, sim or both (default both; the
-                    ratios that need the other sender then print as 0)
+                    ratios that need the other sender then print as 0); tls: only the
+                    agent over TLS from the minimal DG (patch; for profiling)
   --dir DIR         where the homes and files go (default /tmp); every receiver writes to
                     this one file system
 )";
+
+// ---- TLS: a throw-away CA and a DG certificate for 127.0.0.1, made with the openssl command ----
+
+struct tls_material {
+    std::string dir;
+    dg_wire::tls_server server;
+    bool ok = false;
+    std::vector<std::string> agent_env() const
+    {
+        return {"MGR_TLS_CONNECT=cert", "MGR_TLS_CA_FILE=" + dir + "/ca.pem"};
+    }
+};
+
+std::unique_ptr<tls_material> s_tls; // made on first use, removed at the end of main
+
+// The material, made on first use; null when the openssl command or the loading failed.
+tls_material *tls(const options &opt)
+{
+    std::unique_ptr<tls_material> &made = s_tls;
+    if (made)
+        return made->ok ? made.get() : nullptr;
+    made = std::make_unique<tls_material>();
+    made->dir = opt.dir + "/dg_bench_tls.XXXXXX";
+    if (mkdtemp(made->dir.data()) == nullptr)
+        return nullptr;
+    std::string script = "cd " + made->dir +
+                         " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key"
+                         " -out ca.pem -days 2 -subj /CN=bench-ca"
+                         " && openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout dg.key -out dg.csr"
+                         " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1"
+                         " && openssl x509 -req -in dg.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2"
+                         " -copy_extensions copy -out dg.pem";
+    std::string error;
+    dg_wire::tls_server_options o;
+    o.cert_file = made->dir + "/dg.pem";
+    o.key_file = made->dir + "/dg.key";
+    made->ok = system(("(" + script + ") >/dev/null 2>&1").c_str()) == 0 && made->server.load(o, &error) == 0;
+    if (!made->ok)
+        fprintf(stderr, "dg_bench: no TLS material in %s: %s\n", made->dir.c_str(), error.c_str());
+    return made->ok ? made.get() : nullptr;
+}
 
 // ---- sessions: a sender (quil-dg-sim or the minimal DG) and a receiver (agent or peer) ----------
 
@@ -208,7 +252,9 @@ std::string self_path()
 class session
 {
   public:
-    session(const options &opt, bool agent, bool sim) : m_agent(agent), m_sim_fed(sim)
+    // tls: the minimal DG serves TLS and the agent uses it (cert mode).
+    session(const options &opt, bool agent, bool sim, tls_material *tls = nullptr)
+        : m_agent(agent), m_sim_fed(sim), m_tls(tls != nullptr)
     {
         m_home = opt.dir + "/dg_bench.XXXXXX";
         if (mkdtemp(m_home.data()) == nullptr) {
@@ -223,18 +269,19 @@ class session
             m_sim = std::make_unique<dg_sim>(std::vector<std::string>{"--manager-id", k_manager_id});
             port = m_sim->started() ? m_sim->port() : 0;
         } else {
-            m_feeder = std::make_unique<dg_feeder>();
+            m_feeder = std::make_unique<dg_feeder>(tls != nullptr ? &tls->server : nullptr);
             port = m_feeder->port();
         }
         if (port == 0)
             return;
+        std::vector<std::string> env{"PATH=/usr/bin:/bin", "MGR_QUIL_HOME=" + m_home, "MGR_QUIL_MANAGER_HOME=" + m_manager,
+                                     "MGR_RECEIVER_ADDR=127.0.0.1:" + std::to_string(port)};
+        if (tls != nullptr)
+            for (const std::string &e : tls->agent_env())
+                env.push_back(e);
         if (agent)
-            m_child = std::make_unique<child>(
-                std::vector<std::string>{QUIL_AGENT_BIN},
-                std::vector<std::string>{"PATH=/usr/bin:/bin", "MGR_QUIL_HOME=" + m_home,
-                                         "MGR_QUIL_MANAGER_HOME=" + m_manager,
-                                         "MGR_RECEIVER_ADDR=127.0.0.1:" + std::to_string(port)},
-                m_home + "/agent.out", m_home + "/agent.err");
+            m_child = std::make_unique<child>(std::vector<std::string>{QUIL_AGENT_BIN}, env, m_home + "/agent.out",
+                                              m_home + "/agent.err");
         else
             m_child = std::make_unique<child>(
                 std::vector<std::string>{self_path(), "--peer", std::to_string(port), m_manager + "/tmp"},
@@ -261,8 +308,10 @@ class session
     bool is_agent() const { return m_agent; }
     std::string name() const
     {
-        return std::string(m_agent ? "agent" : "minimal peer") + (m_sim_fed ? " <- quil-dg-sim" : " <- minimal DG");
+        return std::string(m_agent ? "agent" : "minimal peer") + (m_sim_fed ? " <- quil-dg-sim" : " <- minimal DG") +
+               (m_tls ? ", TLS" : "");
     }
+    dg_feeder *feeder() { return m_feeder.get(); }
     pid_t pid() const { return m_child ? m_child->pid() : -1; }
     const std::string &home() const { return m_home; }
     const std::string &manager() const { return m_manager; }
@@ -311,7 +360,7 @@ class session
     }
 
   private:
-    bool m_agent, m_sim_fed;
+    bool m_agent, m_sim_fed, m_tls;
     bool m_ok = false;
     std::string m_home, m_manager;
     std::unique_ptr<dg_sim> m_sim;
@@ -354,35 +403,44 @@ bool run_ping(const options &opt)
            k_blocks);
     printf("   quil-dg-sim: the ping command on its input to the 40000's recv line on its output\n");
     printf("   minimal DG:  the 50000 written to the 40000 read, on the socket alone\n");
-    double rate[2][2] = {}; // [sim][agent]
+    printf("   minimal DG, TLS: the same over TLS (the agent in cert mode), beside the plain agent\n");
+    double rate[2][3] = {}, tls_p50 = 0, plain_p50 = 0; // [sim][peer, agent, agent over TLS]
     for (int sim = 1; sim >= 0; sim--) {
         if (!opt.fed_by(sim == 1))
             continue;
         session agent(opt, true, sim == 1), peer(opt, false, sim == 1);
-        session *both[2] = {&peer, &agent};
-        ping_figures fig[2];
-        // Warm-up, then alternating blocks, so a change of load touches both alike.
+        std::unique_ptr<session> secure;
+        if (sim == 0 && tls(opt) != nullptr)
+            secure = std::make_unique<session>(opt, true, false, tls(opt));
+        session *all[3] = {&peer, &agent, secure.get()};
+        const int n = secure ? 3 : 2;
+        ping_figures fig[3];
+        // Warm-up, then alternating blocks, so a change of load touches all alike.
         for (int block = -1; block < k_blocks; block++) {
-            for (int i = 1; i >= 0; i--) {
+            for (int i = n - 1; i >= 0; i--) {
                 ping_figures warm;
-                int n = block < 0 ? std::min(200, opt.pings) : opt.pings / k_blocks;
-                if (!both[i]->ok() || !measure_pings(*both[i], n, block < 0 ? &warm : &fig[i])) {
-                    fprintf(stderr, "dg_bench: ping with %s failed\n%s\n", both[i]->name().c_str(),
-                            both[i]->log_tail().c_str());
+                int count = block < 0 ? std::min(200, opt.pings) : opt.pings / k_blocks;
+                if (!all[i]->ok() || !measure_pings(*all[i], count, block < 0 ? &warm : &fig[i])) {
+                    fprintf(stderr, "dg_bench: ping with %s failed\n%s\n", all[i]->name().c_str(),
+                            all[i]->log_tail().c_str());
                     return false;
                 }
             }
         }
-        for (int i = 1; i >= 0; i--) {
+        for (int i = n - 1; i >= 0; i--) {
             rate[sim][i] = fig[i].per_second();
-            printf("%-30s %10.0f round trips/s   p50 %7.1f us   p99 %7.1f us\n", both[i]->name().c_str(),
-                   rate[sim][i], fig[i].percentile(50), fig[i].percentile(99));
+            double p50 = fig[i].percentile(50);
+            printf("%-30s %10.0f round trips/s   p50 %7.1f us   p99 %7.1f us\n", all[i]->name().c_str(), rate[sim][i],
+                   p50, fig[i].percentile(99));
+            if (sim == 0 && i >= 1)
+                (i == 2 ? tls_p50 : plain_p50) = p50;
         }
     }
     auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
     printf("RESULT ping via-sim agent %.0f/s minimal-peer %.0f/s ratio %.2f | direct agent %.0f/s minimal-peer "
-           "%.0f/s ratio %.2f\n",
-           rate[1][1], rate[1][0], ratio(rate[1][1], rate[1][0]), rate[0][1], rate[0][0], ratio(rate[0][1], rate[0][0]));
+           "%.0f/s ratio %.2f | tls agent %.0f/s p50 %.1f us ratio-to-plain %.2f (plain p50 %.1f us)\n",
+           rate[1][1], rate[1][0], ratio(rate[1][1], rate[1][0]), rate[0][1], rate[0][0], ratio(rate[0][1], rate[0][0]),
+           rate[0][2], tls_p50, ratio(rate[0][2], rate[0][1]), plain_p50);
     return true;
 }
 
@@ -466,6 +524,7 @@ struct transfer {
     double seconds = -1;
     long peak_rss_kib = 0; // sampled VmRSS maximum during the transfer
     long hwm_kib = 0;      // VmHWM after it (reset just before)
+    double cpu_seconds = 0; // the receiver's run time over the transfer, all threads
 };
 
 // One patch of `src` to the receiver's "write success" result; then, for the agent, its done
@@ -482,6 +541,7 @@ bool session_run(session &s, const std::string &src, uint64_t bytes, int run, tr
     size_t from = s.mark();
     rss_sampler sampler(s.pid());
     std::string error;
+    const long long cpu0 = cpu_ns(s.pid());
     auto t0 = steady::now();
     if (!s.patch(src, bytes, exec, agent_id, name, &error)) {
         fprintf(stderr, "dg_bench: transfer %d to %s: %s\n", run, s.name().c_str(), error.c_str());
@@ -493,6 +553,7 @@ bool session_run(session &s, const std::string &src, uint64_t bytes, int run, tr
         },
         900s, from);
     out->seconds = seconds_since(t0);
+    out->cpu_seconds = static_cast<double>(cpu_ns(s.pid()) - cpu0) / 1e9;
     out->peak_rss_kib = sampler.stop();
     out->hwm_kib = status_kib(s.pid(), "VmHWM:");
     if (!answer || answer->result != 1) {
@@ -544,20 +605,22 @@ bool run_patch(const options &opt)
         fprintf(stderr, "dg_bench: cannot write %s\n", src.c_str());
         return false;
     }
-    // [0] agent <- minimal DG, [1] peer <- minimal DG, [2] agent <- sim, [3] peer <- sim
-    std::unique_ptr<session> sessions[4];
-    for (int i = 0; i < 4; i++) {
-        if (!opt.fed_by(i >= 2))
+    // [0] agent <- minimal DG, [1] peer <- minimal DG, [2] agent <- sim, [3] peer <- sim,
+    // [4] agent <- minimal DG over TLS
+    constexpr int k_sessions = 5;
+    std::unique_ptr<session> sessions[k_sessions];
+    for (int i = 0; i < k_sessions; i++) {
+        if (!opt.fed_by(i == 2 || i == 3) || (i == 4 && tls(opt) == nullptr) || (opt.feed == "tls" && i != 4))
             continue;
-        sessions[i] = std::make_unique<session>(opt, i % 2 == 0, i >= 2);
+        sessions[i] = std::make_unique<session>(opt, i % 2 == 0, i == 2 || i == 3, i == 4 ? tls(opt) : nullptr);
         if (!sessions[i]->ok()) {
             fprintf(stderr, "dg_bench: %s did not start\n%s\n", sessions[i]->name().c_str(),
                     sessions[i]->log_tail().c_str());
             return false;
         }
     }
-    std::vector<double> floor_rate, rate[4];
-    long peak[4] = {0, 0, 0, 0};
+    std::vector<double> floor_rate, rate[k_sessions], cpu[k_sessions];
+    long peak[k_sessions] = {};
     // Interleaved, so a change of load on the shared machine touches every pairing alike.
     for (int run = 1; run <= opt.runs; run++) {
         settle(work);
@@ -568,38 +631,85 @@ bool run_patch(const options &opt)
         }
         floor_rate.push_back(mb / secs);
         printf("run %d: floor %.1f", run, floor_rate.back());
-        for (int i = 0; i < 4; i++) {
+        for (int i = 0; i < k_sessions; i++) {
             if (!sessions[i])
                 continue;
             transfer t;
             if (!session_run(*sessions[i], src, bytes, run, &t))
                 return false;
             rate[i].push_back(mb / t.seconds);
+            cpu[i].push_back(t.cpu_seconds * 1024.0 / static_cast<double>(opt.patch_mib)); // s per GiB
             peak[i] = std::max({peak[i], t.peak_rss_kib, t.hwm_kib});
             printf(" | %s %.1f", sessions[i]->name().c_str(), rate[i].back());
         }
         printf(" MB/s\n");
     }
-    double f = median(floor_rate), r[4];
-    if (sessions[0]) {
-        std::vector<double> paired;
-        printf("agent <- minimal DG / floor, run by run:");
-        for (size_t i = 0; i < floor_rate.size(); i++) {
-            paired.push_back(rate[0][i] / floor_rate[i]);
-            printf(" %.2f", paired.back());
+    double f = median(floor_rate), r[k_sessions];
+    // Run-by-run ratios: a load that changes between runs touches both sides of each pair alike.
+    auto paired = [&](const char *what, const std::vector<double> &a, const std::vector<double> &b) {
+        std::vector<double> ratios;
+        printf("%s, run by run:", what);
+        for (size_t i = 0; i < a.size() && i < b.size(); i++) {
+            ratios.push_back(a[i] / b[i]);
+            printf(" %.2f", ratios.back());
         }
-        printf(" (median %.2f)\n", median(paired));
-    }
+        printf(" (median %.2f)\n", median(ratios));
+        return median(ratios);
+    };
+    if (sessions[0])
+        paired("agent <- minimal DG / floor", rate[0], floor_rate);
+    double tls_ratio = sessions[0] && sessions[4] ? paired("agent over TLS / agent over TCP", rate[4], rate[0]) : 0;
+    if (sessions[4])
+        printf("TLS: %s\n", sessions[4]->feeder()->tls_name().c_str());
     printf("%-30s %8.1f MB/s\n", "floor (send/recv/write)", f);
-    for (int i = 0; i < 4; i++) {
+    for (int i = 0; i < k_sessions; i++) {
         r[i] = median(rate[i]);
         if (sessions[i])
-            printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB\n", sessions[i]->name().c_str(),
-                   r[i], r[i] / f, peak[i] / 1024.0);
+            printf("%-30s %8.1f MB/s   %.2f of the floor   peak RSS %6.2f MiB   receiver CPU %.2f s/GiB\n",
+                   sessions[i]->name().c_str(), r[i], r[i] / f, peak[i] / 1024.0, median(cpu[i]));
     }
     printf("RESULT patch floor %.1f MB/s | direct agent %.1f MB/s ratio-to-floor %.2f minimal-peer %.1f MB/s | "
            "via-sim agent %.1f MB/s minimal-peer %.1f MB/s ratio %.2f | agent-peak-rss %.2f MiB\n",
            f, r[0], r[0] / f, r[1], r[2], r[3], r[3] > 0 ? r[2] / r[3] : 0.0, std::max(peak[0], peak[2]) / 1024.0);
+    printf("RESULT patch-tls agent %.1f MB/s tcp %.1f MB/s ratio-to-tcp %.2f (median of run-by-run) peak-rss %.2f MiB "
+           "| agent CPU tls %.2f s/GiB tcp %.2f s/GiB\n",
+           r[4], r[0], tls_ratio, peak[4] / 1024.0, median(cpu[4]), median(cpu[0]));
+    return true;
+}
+
+// ---- connect time ---------------------------------------------------------------------------------
+
+// The agent reconnects to the minimal DG over TCP and over TLS side by side, every 5 s: from
+// the DG's accept to the end of the TLS handshake, and to the agent's identity (10043).
+bool run_connect(const options &opt)
+{
+    printf("\n== connect: %d reconnections over TCP and over TLS (cert mode, ECDSA P-256), median ==\n",
+           opt.connects);
+    printf("   from the DG's accept() to the TLS handshake's end and to the agent's 10043\n");
+    if (tls(opt) == nullptr)
+        return false;
+    session plain(opt, true, false), secure(opt, true, false, tls(opt));
+    std::vector<double> handshake, identity[2];
+    for (int i = 0; i < opt.connects; i++) {
+        session *both[2] = {&plain, &secure};
+        for (int k = 0; k < 2; k++) {
+            dg_feeder *feeder = both[k]->feeder();
+            if (i > 0 && !(feeder->accept_one(30s) && feeder->wait_handshake(30s))) {
+                fprintf(stderr, "dg_bench: reconnection %d of %s failed\n%s\n", i, both[k]->name().c_str(),
+                        both[k]->log_tail().c_str());
+                return false;
+            }
+            identity[k].push_back(feeder->identity_seconds() * 1e3);
+            if (k == 1)
+                handshake.push_back(feeder->tls_seconds() * 1e3);
+        }
+        for (session *s : both)
+            s->feeder()->drop(); // the agent reconnects after its 5 s pause
+    }
+    printf("TCP: accept to 10043 %.2f ms | TLS: accept to handshake end %.2f ms, to 10043 %.2f ms\n",
+           median(identity[0]), median(handshake), median(identity[1]));
+    printf("RESULT connect tls-handshake %.2f ms tls-to-identity %.2f ms tcp-to-identity %.2f ms | %d reconnections\n",
+           median(handshake), median(identity[1]), median(identity[0]), opt.connects);
     return true;
 }
 
@@ -663,6 +773,8 @@ bool parse(int argc, char **argv, options *opt)
             opt->runs = atoi(v);
         else if (a == "--idle-seconds")
             opt->idle_seconds = atoi(v);
+        else if (a == "--connects")
+            opt->connects = atoi(v);
         else if (a == "--only")
             opt->only = v;
         else if (a == "--feed")
@@ -672,8 +784,8 @@ bool parse(int argc, char **argv, options *opt)
         else
             return false;
     }
-    return opt->pings > 0 && opt->patch_mib > 0 && opt->runs > 0 && opt->idle_seconds > 0 &&
-           (opt->feed == "minimal" || opt->feed == "sim" || opt->feed == "both");
+    return opt->pings > 0 && opt->patch_mib > 0 && opt->runs > 0 && opt->idle_seconds > 0 && opt->connects > 0 &&
+           (opt->feed == "minimal" || opt->feed == "sim" || opt->feed == "both" || opt->feed == "tls");
 }
 
 } // namespace
@@ -694,7 +806,13 @@ int main(int argc, char **argv)
         ok = run_ping(opt) && ok;
     if (opt.wants("patch"))
         ok = run_patch(opt) && ok;
+    if (opt.wants("connect"))
+        ok = run_connect(opt) && ok;
     if (opt.wants("idle"))
         ok = run_idle(opt) && ok;
+    if (s_tls) {
+        std::error_code ec;
+        std::filesystem::remove_all(s_tls->dir, ec);
+    }
     return ok ? 0 : 1;
 }

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include "dg_wire.h"
+#include "dg_wire_tls.h"
 
 namespace dg_bench
 {
@@ -57,19 +59,29 @@ struct result_line {
 
 // Listens on 127.0.0.1 (any free port) for one connection and serves it: answers 10043 with
 // 50036 and 40006 with 50020, counts 40000 answers, keeps the 60002 results. Sends pings and
-// patches as fast as a read() and a writev() per chunk allow.
+// patches as fast as a read() and a writev() per chunk allow; over TLS (a server context
+// given), one SSL_write of header and data read in place per chunk.
 class dg_feeder
 {
   public:
-    dg_feeder();
+    explicit dg_feeder(dg_wire::tls_server *tls = nullptr);
     ~dg_feeder();
     dg_feeder(const dg_feeder &) = delete;
     dg_feeder &operator=(const dg_feeder &) = delete;
 
     // The listening port, 0 when the listener could not be set up.
     int port() const { return m_port; }
-    // Accepts the connection and starts serving it. False on time-out or error.
+    // Accepts the connection (and runs the TLS handshake) and starts serving it. False on
+    // time-out or error.
     bool accept_one(std::chrono::milliseconds timeout);
+    // Closes the connection served now and waits for its reader; accept_one takes the next.
+    void drop();
+    // Seconds from the last accept to the end of the TLS handshake (0 over plain TCP) and to
+    // the 10043 that followed (after wait_handshake).
+    double tls_seconds() const { return m_tls_seconds; }
+    double identity_seconds();
+    // "TLSv1.3 SUITE" of the connection, empty over plain TCP.
+    std::string tls_name() { return m_stream ? m_stream->describe() : ""; }
     // Waits until a 10043 has been answered. False on time-out.
     bool wait_handshake(std::chrono::milliseconds timeout);
     // One round trip: a 50000, then the next 40000. False on time-out or a failed write.
@@ -89,9 +101,15 @@ class dg_feeder
   private:
     void reader();
     bool send_frame(uint16_t type, uint8_t body_kind, const std::string &body);
+    bool write_bytes(std::string_view bytes); // whole, on the socket or the TLS stream
 
     fd_guard m_listener;
     fd_guard m_conn;
+    dg_wire::tls_server *m_tls;
+    std::unique_ptr<dg_wire::tls_stream> m_stream;
+    std::chrono::steady_clock::time_point m_accepted;
+    double m_tls_seconds = 0;
+    double m_identity_seconds = 0; // guarded by m_lock
     int m_port = 0;
     std::mutex m_write_lock; // whole frames only
     std::mutex m_lock;       // guards the fields below

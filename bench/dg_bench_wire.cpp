@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace dg_bench
@@ -116,7 +117,7 @@ int run_peer(int port, const std::string &dir)
 
 // ---- the minimal DG sender --------------------------------------------------------------------
 
-dg_feeder::dg_feeder() : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+dg_feeder::dg_feeder(dg_wire::tls_server *tls) : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_tls(tls)
 {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -130,10 +131,30 @@ dg_feeder::dg_feeder() : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 
 
 dg_feeder::~dg_feeder()
 {
+    drop();
+}
+
+void dg_feeder::drop()
+{
     if (m_conn.fd >= 0)
         shutdown(m_conn.fd, SHUT_RDWR); // ends the reader's read
     if (m_reader.joinable())
         m_reader.join();
+    m_stream.reset();
+    m_conn.reset();
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_handshake = m_ended = false;
+}
+
+double dg_feeder::identity_seconds()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_identity_seconds;
+}
+
+bool dg_feeder::write_bytes(std::string_view bytes)
+{
+    return (m_stream ? m_stream->write_all(bytes) : write_all(m_conn.fd, bytes)) == 0;
 }
 
 bool dg_feeder::accept_one(std::chrono::milliseconds timeout)
@@ -144,6 +165,16 @@ bool dg_feeder::accept_one(std::chrono::milliseconds timeout)
     m_conn.reset(accept4(m_listener.fd, nullptr, nullptr, SOCK_CLOEXEC));
     if (m_conn.fd < 0)
         return false;
+    m_accepted = std::chrono::steady_clock::now();
+    if (m_tls != nullptr) {
+        std::string error;
+        m_stream = m_tls->accept(m_conn.fd, timeout, &error);
+        if (!m_stream) {
+            fprintf(stderr, "dg_bench: TLS handshake: %s\n", error.c_str());
+            return false;
+        }
+        m_tls_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_accepted).count();
+    }
     m_reader = std::thread(&dg_feeder::reader, this);
     return true;
 }
@@ -152,7 +183,7 @@ bool dg_feeder::send_frame(uint16_t type, uint8_t body_kind, const std::string &
 {
     std::string packet = frame_packet(type, body_kind, body);
     std::lock_guard<std::mutex> guard(m_write_lock);
-    return write_all(m_conn.fd, packet) == 0;
+    return write_bytes(packet);
 }
 
 void dg_feeder::reader()
@@ -160,9 +191,16 @@ void dg_feeder::reader()
     std::string body, error;
     dg::req_time_sync sync;
     dg::res_command_message result;
-    for (packet_header h{}; read_packet(m_conn.fd, &h, &body, &error) == 1;) {
+    auto read_full = [this](void *buffer, size_t n) {
+        return m_stream ? m_stream->read_full(buffer, n) : dg_wire::read_full(m_conn.fd, buffer, n);
+    };
+    for (packet_header h{}; read_packet(read_full, &h, &body, &error) == 1;) {
         const uint16_t type = h.type;
         if (type == 10043) {
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                m_identity_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_accepted).count();
+            }
             dg::common_res_agent_info_message reply;
             reply.set_manager_id(k_manager_id);
             reply.set_protocol_version(k_protocol_version);
@@ -245,11 +283,14 @@ bool dg_feeder::patch(const std::string &src, uint64_t size, size_t chunk, const
     head.mutable_target_file_info()->set_file_name(name);
     head.mutable_target_file_info()->set_file_size(size);
     const uint64_t count = size == 0 ? 1 : (size + chunk - 1) / chunk;
-    std::vector<char> data(chunk);
+    // Over TLS the data is read behind room for header and prefix, so each chunk is one write.
+    constexpr size_t k_room = 128;
+    std::vector<char> buffer(k_room + chunk);
+    char *data = buffer.data() + k_room;
     std::string prefix;
     for (uint64_t index = 1, sent = 0; index <= count; index++) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(chunk, size - sent));
-        if (n > 0 && read_full(in.fd, data.data(), n) != static_cast<ssize_t>(n)) {
+        if (n > 0 && read_full(in.fd, data, n) != static_cast<ssize_t>(n)) {
             *error = "short read of " + src;
             return false;
         }
@@ -263,9 +304,18 @@ bool dg_feeder::patch(const std::string &src, uint64_t size, size_t chunk, const
             put_varint(&prefix, n);
         }
         std::string header = frame_header(60004, 1, prefix.size() + n);
-        iovec iov[3] = {{header.data(), header.size()}, {prefix.data(), prefix.size()}, {data.data(), n}};
         std::lock_guard<std::mutex> guard(m_write_lock);
-        if (!writev_all(m_conn.fd, iov, n > 0 ? 3 : 2)) {
+        bool written;
+        if (m_stream) {
+            char *start = data - prefix.size() - header.size();
+            memcpy(start, header.data(), header.size());
+            memcpy(start + header.size(), prefix.data(), prefix.size());
+            written = m_stream->write_all({start, static_cast<size_t>(data + n - start)}) == 0;
+        } else {
+            iovec iov[3] = {{header.data(), header.size()}, {prefix.data(), prefix.size()}, {data, n}};
+            written = writev_all(m_conn.fd, iov, n > 0 ? 3 : 2);
+        }
+        if (!written) {
             *error = "write failed at chunk " + std::to_string(index);
             return false;
         }

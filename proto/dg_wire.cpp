@@ -146,8 +146,14 @@ int write_all(int fd, std::string_view data)
 
 int read_packet(int fd, packet_header *header, std::string *body, std::string *error)
 {
+    return read_packet([fd](void *buffer, size_t n) { return read_full(fd, buffer, n); }, header, body, error);
+}
+
+int read_packet(const std::function<ssize_t(void *, size_t)> &read_full, packet_header *header, std::string *body,
+                std::string *error)
+{
     unsigned char h[k_header_size];
-    ssize_t r = read_full(fd, h, k_main_header_size);
+    ssize_t r = read_full(h, k_main_header_size);
     if (r == 0)
         return 0;
     if (r != static_cast<ssize_t>(k_main_header_size)) {
@@ -160,14 +166,14 @@ int read_packet(int fd, packet_header *header, std::string *body, std::string *e
                           : "bad length " + std::to_string(length);
         return -1;
     }
-    r = read_full(fd, h + k_main_header_size, k_sub_header_size);
+    r = read_full(h + k_main_header_size, k_sub_header_size);
     if (r != static_cast<ssize_t>(k_sub_header_size)) {
         *error = r < 0 ? read_error(r, "", 0) : "truncated sub header";
         return -1;
     }
     *header = parse_header(h);
     body->assign(length - k_sub_header_size, '\0');
-    r = read_full(fd, body->data(), body->size());
+    r = read_full(body->data(), body->size());
     if (r != static_cast<ssize_t>(body->size())) {
         *error = read_error(r, "body", body->size());
         return -1;

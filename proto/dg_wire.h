@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -81,6 +82,10 @@ int write_all(int fd, std::string_view data);
 // magic or a length outside 11..16 MiB, with *error saying which (the stream is then out of
 // step and must be closed). Never reads more than the length field announces.
 int read_packet(int fd, packet_header *header, std::string *body, std::string *error);
+
+// The same from any source with read_full's contract (a TLS stream, say).
+int read_packet(const std::function<ssize_t(void *, size_t)> &read_full, packet_header *header, std::string *body,
+                std::string *error);
 
 // Lower-case hex of at most max_bytes bytes of data. Cannot fail.
 std::string to_hex(std::string_view data, size_t max_bytes = SIZE_MAX);

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "command_handler.h"
+#include "dg_tls.h"
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
 #include "pkt_proto/proto_send.h"
@@ -234,7 +235,7 @@ struct command_line_t {
 };
 
 // Walks every argument, the program name included. Returns true when the program ends at
-// once (-v, -c; -h exits from here); unknown arguments are ignored without a message.
+// once (-v, -c, -t; -h exits from here); unknown arguments are ignored without a message.
 bool scan_command_line(int argc, char **argv, command_line_t *cmd)
 {
     for (int i = 0; i < argc; i++) {
@@ -250,6 +251,9 @@ bool scan_command_line(int argc, char **argv, command_line_t *cmd)
             return true;
         } else if (arg == "-c") {
             check_os_info(0);
+            return true;
+        } else if (arg == "-t") {
+            dg_tls_check_settings(); // the unit's start check
             return true;
         } else if (arg == "-h") {
             usage_exit(argv[0], 0);
@@ -301,6 +305,12 @@ int main(int argc, char **argv)
         exit(0);
     }
     VKLOG_NOTICE(g_vklog.load(), "g_vk_manager_home[%s]\n", g_vk_manager_home);
+    char tls_refusal[512];
+    if (dg_tls_init(tls_refusal, sizeof(tls_refusal)) != 0) {
+        fprintf(stderr, "%s\n", tls_refusal);
+        VKLOG_ERROR(g_vklog.load(), "%s\n", tls_refusal);
+        exit(0);
+    }
     // Kernels before 5.18 let execve pass an empty argv: no program name, and the guard
     // then recognises no running agent by name.
     const char *program = argc > 0 && argv[0] != nullptr ? argv[0] : "";

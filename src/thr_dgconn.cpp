@@ -19,6 +19,7 @@
 #include <mutex>
 #include <new>
 
+#include "dg_tls.h"
 #include "global_var.h"
 #include "vk_list.h"
 #include "vk_lock.h"
@@ -159,6 +160,17 @@ void start_sender_thread()
     pthread_attr_destroy(&attributes);
 }
 
+// A TLS session the DG side refused counts and is logged like a refused connection.
+void log_tls_failure(int *failures, const char *reason)
+{
+    if (*failures < k_logged_connect_failures) {
+        VKLOG_ERROR(g_vklog.load(),
+                    "[KTR-OSM-00020100] TLS handshake failed with DataGather Server %s: %s. Interval:%d(ms)\n",
+                    g_dgconn_slave_info.addr_text, reason, DG_RECONNECT_INTERVAL_MS);
+        (*failures)++;
+    }
+}
+
 // One connection attempt with its handshake. Returns the published socket, or 0 after a
 // failure (already logged and waited for). failures counts connect failures in a row.
 int connect_and_identify(int *failures)
@@ -188,10 +200,20 @@ int connect_and_identify(int *failures)
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
         return 0;
     }
+    char reason[256];
+    if (dg_tls_mode() != DG_TLS_UNENCRYPTED && dg_tls_connect(sock, reason, sizeof(reason)) != 0) {
+        log_tls_failure(failures, reason);
+        close_socket(sock);
+        sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
+        return 0;
+    }
     VKLOG_INFO(g_vklog.load(), "[thr_DGConn] connection success.\n");
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     int ret = dg_communicate(sock);
     if (ret != 0) {
+        // Over TLS 1.3 a refused client certificate shows only at the first read.
+        if (dg_tls_failure(sock, reason, sizeof(reason)))
+            log_tls_failure(failures, reason);
         VKLOG_INFO(g_vklog.load(), "[thr_DGConn] dg_communicate() has failed.[sock:%d,ret:%d]\n", sock, ret);
         DisconnectDGServer(sock);
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
@@ -310,10 +332,13 @@ void DisconnectDGServer(int socket)
         return;
     // Shutting down first ends a write blocked on a peer that stopped reading; closing
     // under the write lock then keeps a queued packet from reaching a reused descriptor.
+    // A TLS session says goodbye first and goes with the descriptor.
+    dg_tls_shutdown(socket);
     shutdown(socket, SHUT_RDWR);
     {
         std::lock_guard<vklock_t> guard(g_send_lock);
         g_dg_is_connection.store(0);
+        dg_tls_free(socket);
         close_socket(socket);
     }
     g_remote_conf_is_initialize.store(0);
@@ -406,6 +431,8 @@ ssize_t write_within(int socket, const void *buffer, size_t length, int flags, i
 {
     if (socket < 0)
         return static_cast<ssize_t>(length);
+    if (dg_tls_attached(socket))
+        return dg_tls_send(socket, buffer, length, timeout_ms);
     // A half-written packet would leave the DG reading the next packet from its middle, so
     // short writes are continued; MSG_NOSIGNAL turns a closed peer into EPIPE, not a signal.
     // Each send takes what fits without waiting, and the waits for room between them share

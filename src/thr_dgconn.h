@@ -35,7 +35,7 @@ void *thr_DGConn(void *argument);
 // socket (> 0), -1 when no socket could be opened or the address is unusable, or connect's
 // negative result (the socket is closed then; errno tells why).
 [[nodiscard]] int ConnectDGServer(uint32_t ip, int port);
-// Closes socket (values below 1 are ignored) and marks the connection down. Waits for a
+// Closes socket (values below 1 are ignored) and its TLS session, and marks the connection down. Waits for a
 // write in progress to finish, so no packet is ever written into a reused descriptor.
 void DisconnectDGServer(int socket);
 // Handshake on a fresh socket: the agent information message, then the first reply read
@@ -87,6 +87,8 @@ ssize_t dg_write_direct(int socket, const void *packet, size_t length);
 // went out in time (ETIMEDOUT) (0 for a zero length). A failure after part of the buffer
 // went out (a DG that stopped reading) returns the part and shuts the socket down, since
 // the DG would read the next packet from the middle of this one.
+// A socket with a TLS session writes through it (dg_tls_send): any failure returns -1 and
+// shuts the socket down (a TLS record cut in the middle cannot be abandoned).
 ssize_t Write(int socket, const void *buffer, size_t length, int flags);
 // Write with its own bound in milliseconds for the whole buffer; Write uses 30000.
 ssize_t write_within(int socket, const void *buffer, size_t length, int flags, int timeout_ms);

@@ -3,6 +3,7 @@
 // Nothing here logs but get_ip_info, whose failures leave an empty list: failures are
 // returned as codes and the caller decides.
 #include "vk_comm.h"
+#include "dg_tls.h"
 #include "vk_byteorder.h"
 #include "vklog.h"
 #include "vk_raii.h"
@@ -64,9 +65,12 @@ constexpr unsigned char k_oio_magic = 0xFF;
 // thread, read by any sending thread.
 std::atomic<uint8_t> s_header_version{0};
 
-// recv that restarts after signals. Returns what recv returns otherwise.
+// recv that restarts after signals. Returns what recv returns otherwise. A socket with a TLS
+// session reads through it.
 ssize_t recv_retry(int sock, char *dest, size_t size)
 {
+    if (dg_tls_attached(sock))
+        return dg_tls_recv(sock, dest, size);
     ssize_t n;
     do {
         n = recv(sock, dest, size, 0);
@@ -146,6 +150,9 @@ int wait_readable(int sock, int timeout_seconds)
 {
     if (sock < 0)
         return -98;
+    // Bytes the TLS layer already holds never show on the socket.
+    if (dg_tls_attached(sock) && dg_tls_pending(sock))
+        return 1;
     using clock = std::chrono::steady_clock;
     const int seconds =
         timeout_seconds < 0 ? 0 : (timeout_seconds > INT_MAX / 1000 ? INT_MAX / 1000 : timeout_seconds);

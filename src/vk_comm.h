@@ -76,7 +76,8 @@ void set_oio_header(void *buffer, int type);
 [[nodiscard]] int wrap_packet_oio_header(char **out_buffer, const void *body, int body_length, int type);
 
 // ---- packet readers ---------------------------------------------------------
-// All block in recv on a connected stream socket. Headers are read completely (a short
+// All block in recv on a connected stream socket (through its TLS session when one is
+// attached, dg_tls.h). Headers are read completely (a short
 // header read is continued until 12 bytes or the peer closes). Length fields below 11
 // cannot hold a sub header and are refused like a length of 0.
 

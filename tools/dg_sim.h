@@ -18,6 +18,7 @@
 #include <google/protobuf/message.h>
 
 #include "dg_wire.h"
+#include "dg_wire_tls.h"
 
 namespace dg_sim
 {
@@ -83,6 +84,8 @@ struct sim_config {
     handshake_mode handshake = handshake_mode::reply;
     std::vector<int64_t> skews{0};
     bool timesync = true;
+    tls_server_options tls;              // --tls-*: empty, plain TCP
+    std::unique_ptr<tls_server> tls_ctx; // loaded from tls when enabled
 };
 extern sim_config g_config;
 

@@ -197,6 +197,22 @@ void reader_main(std::shared_ptr<connection> c)
     c->cv.notify_all();
 }
 
+// The TLS handshake on an accepted socket; the connection then reads and writes plaintext on
+// a socketpair while the front carries it over TLS. Returns that descriptor with *tls naming
+// the protocol and suite, or -1 after printing a "tls_failed" event (fd closed).
+int tls_accept(int fd, const std::string &peer, std::string *tls)
+{
+    std::string error;
+    std::unique_ptr<tls_stream> stream = g_config.tls_ctx->accept(fd, std::chrono::seconds(10), &error);
+    if (!stream) {
+        emit(json_object().str("event", "tls_failed").str("peer", peer).str("error", error).end());
+        close(fd);
+        return -1;
+    }
+    *tls = stream->describe();
+    return tls_front(std::move(stream), fd);
+}
+
 } // namespace
 
 connection::~connection()
@@ -298,7 +314,10 @@ void acceptor_main(int listen_fd)
             continue;
         char ip[INET_ADDRSTRLEN] = "?";
         inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
-        auto c = std::make_shared<connection>(fd, ++next_id, std::string(ip) + ":" + std::to_string(ntohs(peer.sin_port)));
+        std::string peer_text = std::string(ip) + ":" + std::to_string(ntohs(peer.sin_port)), tls;
+        if (g_config.tls_ctx && (fd = tls_accept(fd, peer_text, &tls)) < 0)
+            continue;
+        auto c = std::make_shared<connection>(fd, ++next_id, peer_text);
         if (current)
             conn_close(*current, "replaced by conn " + std::to_string(c->id));
         if (reader.joinable())
@@ -308,7 +327,11 @@ void acceptor_main(int listen_fd)
             s_current = c;
         }
         // Printed once commands can use the connection: a driver may act on this line at once.
-        emit(json_object().str("event", "connected").num("conn", c->id).str("peer", c->peer).end());
+        json_object connected;
+        connected.str("event", "connected").num("conn", c->id).str("peer", c->peer);
+        if (!tls.empty())
+            connected.str("tls", tls);
+        emit(connected.end());
         current = c;
         reader = std::thread(reader_main, c);
     }

@@ -78,7 +78,11 @@ done
 
 # The unit's start check, run as systemd would ($$ is systemd's escape for $): it refuses
 # a missing address and creates the missing data and tmp directories, private.
-pre=$(sed -n 's/^ExecStartPre=//p' "$unit" | sed 's/\$\$/$/g')
+# The daemon's path in it is the prefix's; here it runs from the staging directory. systemd
+# stops at the first ExecStartPre that fails.
+daemon_path=$(sed -n 's/^ExecStart=//p' "$unit")
+pre=$(sed -n 's/^ExecStartPre=//p' "$unit" | sed 's/\$\$/$/g' | sed "s#$daemon_path#$stage/sbin/quil-manager-agent#g" |
+    awk 'NR > 1 { printf " && " } { printf "%s", $0 }')
 check "unit: ExecStartPre present" test -n "$pre"
 if (env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR= bash -c "$pre") 2>/dev/null; then
     fail "unit start check accepts an empty MGR_RECEIVER_ADDR"
@@ -87,6 +91,12 @@ else
 fi
 check "unit start check passes with both settings" \
     env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR=127.0.0.1:7000 bash -c "$pre"
+if (env -i PATH="$PATH" MGR_QUIL_HOME="$work/home" MGR_RECEIVER_ADDR=127.0.0.1:7000 MGR_TLS_CONNECT=bogus \
+    bash -c "$pre") 2>/dev/null; then
+    fail "unit start check accepts MGR_TLS_CONNECT=bogus"
+else
+    echo "ok: unit start check refuses a bad TLS setting"
+fi
 check "unit start check made data and tmp 0700" \
     test "$(mode_of "$work/home/manager/data") $(mode_of "$work/home/manager/tmp")" = "700 700"
 
