@@ -156,8 +156,6 @@ void drain_replies(const setup_t &s, int received_type)
     }
 }
 
-#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
-
 // The ring's counters agree and its records are terminated.
 void check_state()
 {
