@@ -130,8 +130,8 @@ TEST_F(DgScenario, RefusedIdThenTheDgGoesAwayAndComesBack)
 
 // agent_restart and agent_stop from the DG: acknowledged at once, run by the command thread,
 // their whole output in the done result; a time-out and a patch_stop while running, each
-// leaving the script its grace to clean up; the agent list every 30 s.
-TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
+// leaving the script its grace to clean up. (The agent list is HostileHome's.)
+TEST_F(DgScenario, RestartStopTimeoutAndStopWhileRunning)
 {
     sample_agent();
     start_sim();
@@ -178,14 +178,8 @@ TEST_F(DgScenario, RestartStopTimeoutStopWhileRunningAndTheAgentList)
     std::string text = log();
     EXPECT_LT(text.find("[patch_command] [struct] install_username["), text.find("[patch_command] [proto ] [0] key["))
         << "option lines follow the request lines";
-
-    auto list = sim->wait_for(recv_of(60003), 35s);
-    ASSERT_TRUE(list) << log();
-    EXPECT_EQ(list->num("header.protocol_stamp"), 60003);
-    ASSERT_EQ(list->size("body.target_agent_infos"), 1) << list->line();
-    EXPECT_EQ(list->str("body.target_agent_infos.0.agent_id"), k_agent_id);
     checked("restart and stop acknowledged and done with their output, script order, a script's TERM trap "
-            "running through its grace at a time-out and at a patch_stop, the 30-second agent list");
+            "running through its grace at a time-out and at a patch_stop");
 }
 
 // A 100 MiB patch in 64 KiB chunks arrives byte-identical with mode 0755 and runs: stop, the
