@@ -66,15 +66,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     } else if (root == nullptr) {
         FUZZ_CHECK(rc == -7);
     } else {
-        FUZZ_CHECK(rc >= 0 && rc == g_json_agent_count && rc <= MAX_AGENT_COUNT);
-        FUZZ_CHECK(strnlen(g_json_prefix_option, JSON_PREFIX_OPTION_SIZE) < JSON_PREFIX_OPTION_SIZE);
-        FUZZ_CHECK(expected_prefix(root) == g_json_prefix_option);
-        for (int i = 0; i < g_json_agent_count; i++) {
-            const char *id = g_json_agent_info[i].agent_id;
-            FUZZ_CHECK(strnlen(id, sizeof(g_json_agent_info[i].agent_id)) <= AGENT_ID_LEN);
-            for (int j = 0; j < i; j++)
-                FUZZ_CHECK(strcmp(id, g_json_agent_info[j].agent_id) != 0);
-        }
+        FUZZ_CHECK(rc >= 0 && rc == g_json_agent_count);
+        FUZZ_CHECK(TERMINATED(g_json_prefix_option) && expected_prefix(root) == g_json_prefix_option);
+        fuzz_support::check_registry();
     }
     cJSON_Delete(root);
     return 0;

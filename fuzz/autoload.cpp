@@ -1,12 +1,11 @@
 // libFuzzer target for the autoload list and the id-file reader: the input is
 // <home>/manager/data/autoload_conf of a private home. Checked after init_auto_load: at most
 // 64 paths, none only for an empty file, each terminated, at most 255 characters, without a
-// line end or surrounding white space (trimmed before the cut at 255), and found in the file
-// in order. Every stored path then
-// goes through set_agent_id_to_list (most point nowhere), and the input's first 64 bytes,
-// written as an id file of the home, must register as the start of its first line (at most 36
-// characters, no line end), be refused as not UTF-8 (-4), or be refused only by a full
-// registry; the registry stays distinct and bounded.
+// line end or surrounding white space (trimmed before the cut at 255), and found in the file in
+// order. Every stored path then goes through set_agent_id_to_list (most point nowhere), and the
+// input's first 64 bytes, written as an id file, must register as the start of its first line
+// (at most 36 characters, no line end), be refused as not UTF-8 (-4), or be refused only by a
+// full registry; the registry stays distinct and bounded.
 #include "fuzz_support.h"
 #include "global_var.h"
 #include "util.h"
@@ -14,24 +13,9 @@
 
 #include <mutex>
 
-namespace
-{
-
 constexpr size_t k_id_file_bytes = 64;
 
-// Records are distinct and terminated. Caller holds g_json_lock.
-void check_registry()
-{
-    FUZZ_CHECK(g_json_agent_count >= 0 && g_json_agent_count <= MAX_AGENT_COUNT);
-    for (int i = 0; i < g_json_agent_count; i++) {
-        const char *id = g_json_agent_info[i].agent_id;
-        FUZZ_CHECK(strnlen(id, sizeof(g_json_agent_info[i].agent_id)) <= AGENT_ID_LEN);
-        for (int j = 0; j < i; j++)
-            FUZZ_CHECK(strcmp(id, g_json_agent_info[j].agent_id) != 0);
-    }
-}
-
-} // namespace
+using fuzz_support::check_registry;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

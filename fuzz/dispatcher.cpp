@@ -1,23 +1,12 @@
-// libFuzzer target for the whole dispatcher read_msg_nio, fed packets as the connection
-// thread hands them over, against a private manager home and a fake DG connection (the
-// agent's end of a socketpair is the connected socket, with a send queue).
-//
-// The input is a sequence of frames, at most 64:
-//   byte 0   message type: byte % 7 picks 50000, 50001, 50020, 50036, 60001, 60004, and 6
-//            means "bytes 0-1 are the type" (mostly one without a handler)
-//   byte 1   only used for that last case
-//   bytes 2-3 body length, big-endian (cut to what is left of the input)
-//   body
-// Each frame becomes a packet with a correct header and the real body length, in a buffer
-// of exactly its size. After each packet the queue is written and everything that reached
-// the DG end must be whole packets of the types that message may cause, whose bodies the
-// agent's own decoders accept, with valid UTF-8 result texts. The command ring and the
-// patch transfers must stay consistent. After each input the state is reset (ring, patch
-// map with its open files, files under <manager>/tmp, time-sync round, manager id) and
-// nothing may have appeared outside <home>/manager's data and tmp directories.
-//
-// The log goes to <tmp>/log (1 MiB, no backups) at "trace", so every log format meets the
-// decoded texts.
+// libFuzzer target for the whole dispatcher read_msg_nio against a private manager home and a
+// fake DG connection (the agent's end of a socketpair, with a send queue). The input is up to
+// 64 frames: byte 0 picks the type (byte % 7: 50000, 50001, 50020, 50036, 60001, 60004, or 6:
+// bytes 0-1 are the type), bytes 2-3 the body length (big-endian, cut to the input), then the
+// body; each becomes a packet in a buffer of exactly its size. After each packet, what reached
+// the DG end must be whole packets of the types that message may cause, decoding whole with
+// the agent's codec, with valid UTF-8 result texts; the command ring and the patch transfers
+// must stay consistent. After each input the state is reset and nothing may have appeared
+// outside the manager's data and tmp directories. The log (1 MiB, no backups) is at "trace".
 #include "command.h"
 #include "command_handler.h"
 #include "fuzz_support.h"
@@ -29,14 +18,13 @@
 #include "res_timezone_offset.h"
 #include "thr_dgconn.h"
 #include "vk_comm.h"
+#include "vk_string.h"
 #include "vklog.h"
 
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -88,6 +76,7 @@ const setup_t &set_up()
     set_up_log(s.dir + "/log");
     FUZZ_CHECK(init_chunk_hash() == 0);
     FUZZ_CHECK(nio_seq_lock_init() == 0);
+    set_nio_header_version(2); // as the connection thread does
     int fds[2];
     FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0);
     s.agent = fds[0];
@@ -104,49 +93,14 @@ uint32_t be32(const uint8_t *p)
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
-// Strict UTF-8: no overlong forms, surrogates or code points above U+10FFFF.
-bool valid_utf8(std::string_view text)
-{
-    for (size_t i = 0; i < text.size();) {
-        const auto c = static_cast<uint8_t>(text[i]);
-        const size_t n = c < 0x80             ? 1
-                         : (c & 0xE0) == 0xC0 ? 2
-                         : (c & 0xF0) == 0xE0 ? 3
-                         : (c & 0xF8) == 0xF0 ? 4
-                                              : 0;
-        if (n == 0 || text.size() - i < n)
-            return false;
-        uint32_t cp = n == 1 ? c : c & (0x7F >> n);
-        for (size_t k = 1; k < n; k++) {
-            const auto b = static_cast<uint8_t>(text[i + k]);
-            if ((b & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (b & 0x3F);
-        }
-        constexpr uint32_t k_min[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < k_min[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        i += n;
-    }
-    return true;
-}
-
 // The outgoing types that a received type may cause.
 bool reply_allowed(int received, int sent)
 {
-    switch (received) {
-    case MSG_REQ_PING:
-        return sent == MSG_RES_PING;
-    case MSG_REQ_TIMEZONE_OFFSET:
-        return sent == MSG_RES_TIMEZONE_OFFSET;
-    case MSG_RES_TIMESYNC:
-        return sent == MSG_REQ_TIMESYNC;
-    case MSG_REQ_COMMAND:
-    case MSG_REQ_FILE_CHUNK:
-        return sent == MSG_RES_COMMAND;
-    default:
-        return false;
-    }
+    constexpr std::pair<int, int> k_replies[] = {
+        {MSG_REQ_PING, MSG_RES_PING},           {MSG_REQ_TIMEZONE_OFFSET, MSG_RES_TIMEZONE_OFFSET},
+        {MSG_RES_TIMESYNC, MSG_REQ_TIMESYNC},   {MSG_REQ_COMMAND, MSG_RES_COMMAND},
+        {MSG_REQ_FILE_CHUNK, MSG_RES_COMMAND}};
+    return std::find(std::begin(k_replies), std::end(k_replies), std::pair{received, sent}) != std::end(k_replies);
 }
 
 // One outgoing body must decode with the agent's own codec, whole.
@@ -171,7 +125,7 @@ void check_reply_body(int type, const uint8_t *body, size_t size)
         FUZZ_CHECK(type == MSG_RES_COMMAND);
         auto *m = decoded(res_command_message_new, res_command_message_decode, body, size);
         FUZZ_CHECK(m->phase_type == CMD_PHASE_IN_PROGRESS || m->phase_type == CMD_PHASE_DONE);
-        FUZZ_CHECK(m->result_message != nullptr && valid_utf8(m->result_message));
+        FUZZ_CHECK(m->result_message != nullptr && vk_is_utf8(m->result_message));
     }
 }
 
@@ -201,8 +155,6 @@ void drain_replies(const setup_t &s, int received_type)
         at += VK_NIO_MAIN_HEADER_LEN + length;
     }
 }
-
-#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
 
 // The ring's counters agree and its records are terminated.
 void check_state()
@@ -251,21 +203,6 @@ void reset(const setup_t &s)
     }
 }
 
-// The packet as the DG frames it (version 2, packet type 4, body kind 1), in a buffer of
-// exactly its size so that ASan sees any read past the body.
-std::unique_ptr<char[]> build_packet(int type, const uint8_t *body, size_t body_length)
-{
-    std::unique_ptr<char[]> packet(new char[VK_NIO_HEADER_LEN + body_length]);
-    const uint32_t length = static_cast<uint32_t>(body_length) + VK_NIO_SUB_HEADER_LEN;
-    const uint8_t header[VK_NIO_HEADER_LEN] = {
-        0xF9, 0xF2, 0xF8, 2, 4, 0, 0, 0, static_cast<uint8_t>(length >> 24), static_cast<uint8_t>(length >> 16),
-        static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length), static_cast<uint8_t>(type >> 8),
-        static_cast<uint8_t>(type), 0, 0, 0, 0, 1, 0, 0, 0, 0};
-    memcpy(packet.get(), header, sizeof(header));
-    memcpy(packet.get() + VK_NIO_HEADER_LEN, body, body_length);
-    return packet;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -276,12 +213,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const int type = selector < 6 ? k_types[selector] : (data[0] << 8) | data[1];
         const size_t body_length =
             std::min({size_t{(size_t{data[2]} << 8) | data[3]}, size - k_frame_header, k_max_body});
-        std::unique_ptr<char[]> packet = build_packet(type, data + k_frame_header, body_length);
+        // The agent's own framing: version 2, packet type 4, body kind 1, exactly the packet's size.
+        char *packet = nullptr;
+        FUZZ_CHECK(wrap_packet_nio_header(&packet, data + k_frame_header, static_cast<int>(body_length), 4, type, 0,
+                                          1, 0) == static_cast<int>(VK_NIO_HEADER_LEN + body_length));
+        std::unique_ptr<char, decltype(&free)> owner(packet, &free);
         data += k_frame_header + body_length;
         size -= k_frame_header + body_length;
 
         int socket = s.agent;
-        const int rc = read_msg_nio(packet.get(), &socket);
+        const int rc = read_msg_nio(packet, &socket);
         FUZZ_CHECK(rc <= 0 && rc >= -8);
         drain_replies(s, type);
         check_state();

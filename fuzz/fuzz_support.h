@@ -1,7 +1,9 @@
 // Shared by the fuzz targets: a private temporary directory made once per process and removed
-// at exit, whole-file writes, directory listings, token replacement for the expansion
-// checks, and a check that aborts with its line so libFuzzer records the input.
+// at exit, whole-file writes, directory listings, token replacement for the expansion checks,
+// the registry's invariants, and a check that aborts with its line so libFuzzer records the input.
 #pragma once
+
+#include "global_var.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,6 +22,7 @@
 #include <vector>
 
 #define FUZZ_CHECK(cond) ((cond) ? void() : fuzz_support::check_failed(#cond, __LINE__))
+#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
 
 namespace fuzz_support
 {
@@ -111,6 +114,18 @@ inline std::string replace_tokens(std::string_view text, const tokens_t &tokens)
             out += hit->second, i += hit->first.size();
     }
     return out;
+}
+
+// The target agent registry: at most 64 distinct, terminated ids. Caller holds g_json_lock.
+inline void check_registry()
+{
+    FUZZ_CHECK(g_json_agent_count >= 0 && g_json_agent_count <= MAX_AGENT_COUNT);
+    for (int i = 0; i < g_json_agent_count; i++) {
+        const char *id = g_json_agent_info[i].agent_id;
+        FUZZ_CHECK(strnlen(id, sizeof(g_json_agent_info[i].agent_id)) <= AGENT_ID_LEN);
+        for (int j = 0; j < i; j++)
+            FUZZ_CHECK(strcmp(id, g_json_agent_info[j].agent_id) != 0);
+    }
 }
 
 } // namespace fuzz_support

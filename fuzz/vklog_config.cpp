@@ -105,8 +105,6 @@ int model_load(std::string_view file, std::vector<std::string> *sections)
     return 0;
 }
 
-#define TERMINATED(field) (strnlen(field, sizeof(field)) < sizeof(field))
-
 // A configuration in force must be finished and its texts terminated.
 void check_config(const vklog_t &cat, const vklog_config_t &config)
 {

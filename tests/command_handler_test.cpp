@@ -200,7 +200,7 @@ TEST_F(CommandIntake, RefusedChunksEndTheTransfer)
         EXPECT_EQ(r.phase_type(), 1) << c.label;
         EXPECT_EQ(r.result_message().substr(0, c.text.size()), c.text) << c.label;
         EXPECT_FALSE(has_item()) << c.label << ": a new patch_start is needed";
-        EXPECT_FALSE(std::ifstream(tmp("f.bin")).good()) << c.label << ": the partial file is removed";
+        EXPECT_FALSE(std::ifstream(tmp("f.bin.part")).good()) << c.label << ": the partial file is removed";
     }
     ASSERT_EQ(send(chunk("x", 1, 1, "a", "no-such-agent")), 0);
     EXPECT_TRUE(dg.results().empty()) << "a chunk for an unknown agent gets no answer";
@@ -230,10 +230,11 @@ TEST_F(CommandIntake, PatchStopInEachState)
         return r.size() == 2 ? describe(r[1]) : "";
     };
     EXPECT_EQ(stop("s0"), "2 1 [agent manager] command(patch_stop) to delete does not exist");
-    // During the transfer: stopped at the chunk reached.
+    // During the transfer: stopped at the chunk reached, the partial file removed.
     transfer("t1", 2);
+    ASSERT_TRUE(std::ifstream(tmp("a.sh.part")).good());
     EXPECT_EQ(stop("t1"), "2 1 [agent_manager] command(patch_stop) delete success. Stop Patch File Download Chunk [1] index");
-    EXPECT_FALSE(has_item());
+    EXPECT_FALSE(has_item() || std::ifstream(tmp("a.sh.part")).good());
     // Queued: another execution id leaves it in place; the same one empties the slot.
     transfer("t2", 1);
     EXPECT_EQ(stop("t9"), "1 2 [agent manager] execution id is incoreect (Expected execution id t9 / received execution id t9)");

@@ -1,8 +1,7 @@
 // Fault scenarios with the real agent and quil-dg-sim: a connection lost in the middle of a
-// transfer, hostile bytes and floods, a burst of commands and a DG that stops reading (memory
-// stays flat), a full disk, a missing tmp directory, scripts that hold the output pipe or
-// ignore SIGTERM, and stray signals. Each ends with the agent still answering pings (the
-// last one then with a clean stop).
+// transfer, hostile bytes, floods and stray signals, a burst of commands and a DG that stops
+// reading (memory stays flat), a full disk, a missing tmp directory, scripts that hold the
+// output pipe or ignore SIGTERM. Each ends with the agent answering pings or stopping cleanly.
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>
@@ -48,35 +47,16 @@ class DgFault : public DgScenario
     }
 };
 
-// The DG drops the connection after two of four chunks; the transfer state survives, and once
-// the agent is back the DG sends the rest and the patch completes and runs.
-TEST_F(DgFault, TransferContinuesAfterTheConnectionWasLost)
+// Oversized lengths, undecodable bodies of every handled type, a flood of pings, SIGUSR1 and
+// SIGUSR2: the agent drops the connection where the framing is broken, answers what it can,
+// logs and ignores the signals, and serves on. The receive loop takes any announced length and
+// reads the body until it is complete, so a DG that announces 2 GiB holds the connection until
+// it closes it. Then a SIGTERM in the middle of a transfer and a flood of queued answers stops
+// the agent cleanly: the batch the stop cuts off is no send failure, and the partial patch file
+// goes at the stop; one left by a crash goes at the next start.
+TEST_F(DgFault, HostileBytesFloodsSignalsAndAStop)
 {
     sample_agent();
-    connect();
-    std::string patch = patch_file("m.bin", 4000);
-    ASSERT_TRUE(sim->command("patch_start" + request_args("m1") + " file=" + patch + " chunk=1000 chunks=2"));
-    size_t from = sim->mark();
-    ASSERT_TRUE(sim->command("close"));
-    ASSERT_TRUE(sim->wait_for(sent_of(50036), 15s, from)) << log();
-    for (int index : {3, 4})
-        ASSERT_TRUE(sim->command("chunk agent=" + k_agent_id + " exec=m1 count=4 name=m.bin file_size=4000 index=" +
-                                 std::to_string(index) + " file=" + patch + " offset=" +
-                                 std::to_string((index - 1) * 1000) + " length=1000"));
-    auto done = result("m1", 2, 20s);
-    ASSERT_TRUE(done) << log();
-    EXPECT_EQ(done->num("body.result"), 1) << done->line();
-    EXPECT_EQ(read_file(manager + "/tmp/m.bin"), read_file(patch));
-    EXPECT_TRUE(ping_answered());
-    checked("a transfer cut by a lost connection completes after the reconnect and runs");
-}
-
-// Oversized lengths, undecodable bodies of every handled type, and a flood of pings: the
-// agent drops the connection where the framing is broken, answers what it can, and serves on.
-// The receive loop takes any announced length and reads the body until it is complete, so a
-// DG that announces 2 GiB holds the connection until it closes it.
-TEST_F(DgFault, HostileBytesAndFloods)
-{
     connect();
     size_t from = sim->mark();
     ASSERT_TRUE(sim->command("raw hex=f9f2f802040000007fffffff00000000000000000000000000"));
@@ -104,8 +84,35 @@ TEST_F(DgFault, HostileBytesAndFloods)
         },
         60s))
         << "every ping of the flood is answered";
-    EXPECT_EQ(waitpid(agent, nullptr, WNOHANG), 0);
-    checked("oversized length, undecodable 60001/60004/50036/50020 bodies, 2000 pings: the agent serves on");
+    for (int sig : {SIGUSR1, SIGUSR2})
+        ASSERT_EQ(kill(agent, sig), 0);
+    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR1 sig caught; ignored.\n"));
+    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR2 sig caught; ignored.\n"));
+    EXPECT_TRUE(ping_answered());
+
+    ASSERT_TRUE(sim->command("patch_start" + request_args("c1") + " file=" + patch_file("c.bin", 4000) +
+                             " chunk=1000 chunks=2"));
+    const std::string part = manager + "/tmp/c.bin.part";
+    ASSERT_TRUE(eventually([&] { return read_file(part).size() == 2000; }, 10s)) << log();
+    const size_t send_failures = log_count("Packet send failed");
+    for (int i = 0; i < 3000; i++) // timezone answers go through the send queue
+        ASSERT_TRUE(sim->send("timezone"));
+    ASSERT_TRUE(sim->wait_for(recv_of(40001)));
+    ASSERT_EQ(kill(agent, SIGTERM), 0);
+    int status = -1;
+    ASSERT_TRUE(eventually([&] { return waitpid(agent, &status, WNOHANG) == agent; }, 15s));
+    agent = 0;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(contains(log(), "[KTR-OSM-00040050] SIGTERM sig caught.\n"));
+    EXPECT_EQ(log_count("Packet send failed"), send_failures) << log();
+    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the stop";
+    write_file(part, "left by a crash");
+    start_agent();
+    ASSERT_TRUE(sim->wait_for(sent_of(50036), 15s, sim->mark())) << log();
+    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the start";
+    checked("oversized length, undecodable 60001/60004/50036/50020 bodies, 2000 pings, SIGUSR1/SIGUSR2: the "
+            "agent serves on; a stop under load logs no send failure; a partial patch file goes at the stop "
+            "and at the next start");
 }
 
 // 10,000 commands (the ring overwrites, the queue stays bounded) and then a DG that stops
@@ -144,26 +151,42 @@ TEST_F(DgFault, CommandBurstAndANonReadingDgKeepMemoryFlat)
     checked("10000-command burst and a non-reading DG: memory flat, agent serves afterwards");
 }
 
-// A file-size limit stands for a full disk: the transfer fails with the size text, and the
-// agent goes on (a later small patch arrives).
-TEST_F(DgFault, FullDiskFailsTheTransferOnly)
+// The DG drops the connection after two of four chunks; the transfer state survives, and once
+// the agent is back the DG sends the rest and the patch completes and runs. Then a file-size
+// limit stands for a full disk: the transfer fails with the size text, and the agent goes on
+// (a later small patch arrives).
+TEST_F(DgFault, TransferOverALostConnectionAndAFullDisk)
 {
     sample_agent();
     connect("ulimit -f 2048"); // 1 MiB in /bin/sh's 512-byte blocks, 2 MiB in bash's
-    std::string big = patch_file("big.bin", 4 << 20);
+    std::string patch = patch_file("m.bin", 4000);
+    ASSERT_TRUE(sim->command("patch_start" + request_args("m1") + " file=" + patch + " chunk=1000 chunks=2"));
     size_t from = sim->mark();
-    ASSERT_TRUE(sim->command("patch_start" + request_args("f1") + " file=" + big + " chunk=65536", 60s));
+    ASSERT_TRUE(sim->command("close"));
+    ASSERT_TRUE(sim->wait_for(sent_of(50036), 15s, from)) << log();
+    for (int index : {3, 4})
+        ASSERT_TRUE(sim->command("chunk agent=" + k_agent_id + " exec=m1 count=4 name=m.bin file_size=4000 index=" +
+                                 std::to_string(index) + " file=" + patch + " offset=" +
+                                 std::to_string((index - 1) * 1000) + " length=1000"));
+    auto done = result("m1", 2, 20s);
+    ASSERT_TRUE(done) << log();
+    EXPECT_EQ(done->num("body.result"), 1) << done->line();
+    EXPECT_EQ(read_file(manager + "/tmp/m.bin"), read_file(patch));
+
+    from = sim->mark();
+    ASSERT_TRUE(sim->command("patch_start" + request_args("f1") + " file=" + patch_file("big.bin", 4 << 20) +
+                             " chunk=65536", 60s));
     auto failed = sim->wait_for(
         [](const sim_event &e) { return e.is("recv", 60002) && e.str("body.execution_id") == "f1" && e.num("body.result") == 2; },
         20s, from);
     ASSERT_TRUE(failed) << log();
     EXPECT_TRUE(contains(failed->str("body.result_message"), "write size failed")) << failed->line();
     EXPECT_TRUE(ping_answered());
-    std::string small = patch_file("small.bin", 1000);
-    ASSERT_TRUE(sim->command("patch_start" + request_args("f2") + " file=" + small));
-    auto done = result("f2", 2, 20s);
+    ASSERT_TRUE(sim->command("patch_start" + request_args("f2") + " file=" + patch_file("small.bin", 1000)));
+    done = result("f2", 2, 20s);
     EXPECT_TRUE(done && done->num("body.result") == 1) << log();
-    checked("a full disk fails the transfer with the size text; the next patch succeeds");
+    checked("a transfer cut by a lost connection completes after the reconnect and runs; a full disk fails "
+            "the transfer with the size text; the next patch succeeds");
 }
 
 // A patch is refused before anything is stopped when tmp is missing or a link out of the home,
@@ -207,27 +230,6 @@ TEST_F(DgFault, RefusedPatchesStopNothingAndManyOptionsRun)
     EXPECT_EQ(done ? done->num("body.result") : 0, 1) << describe(done) << log();
     EXPECT_EQ(read_file(home + "/order"), "stop\nstart\n") << "the refused patches stopped nothing";
     checked("patches refused for a missing or linked tmp and reserved names stop nothing; 1,000 options run");
-}
-
-// A transfer cut short by a stop leaves no partial file, and one left by a crash is removed at
-// the next start.
-TEST_F(DgFault, PartialPatchFilesGoAtStopAndStart)
-{
-    sample_agent();
-    connect();
-    ASSERT_TRUE(sim->command("patch_start" + request_args("c1") + " file=" + patch_file("c.bin", 4000) +
-                             " chunk=1000 chunks=2"));
-    const std::string part = manager + "/tmp/c.bin.part";
-    ASSERT_TRUE(eventually([&] { return read_file(part).size() == 2000; }, 10s)) << log();
-    kill(agent, SIGTERM);
-    ASSERT_TRUE(eventually([&] { return waitpid(agent, nullptr, WNOHANG) == agent; }, 15s));
-    agent = 0;
-    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the stop";
-    write_file(part, "left by a crash");
-    start_agent();
-    ASSERT_TRUE(sim->wait_for(sent_of(50036), 15s, sim->mark())) << log();
-    EXPECT_NE(access(part.c_str(), F_OK), 0) << "removed at the start";
-    checked("a partial patch file goes at a SIGTERM and at the next start");
 }
 
 // True while pid runs (a zombie has ended).
@@ -312,30 +314,6 @@ TEST_F(DgFault, StopBetweenRunsAndAChunkAfterTheTransfer)
     EXPECT_EQ(read_file(manager + "/tmp/p2.bin"), read_file(patch));
     checked("a stop between stop.sh and the patch program runs nothing more; a late chunk is refused as out "
             "of order and leaves the finished file");
-}
-
-// SIGUSR1 and SIGUSR2 are logged at INFO and ignored. A SIGTERM in the middle of a flood of
-// queued answers then stops the agent cleanly: the batch the stop cuts off is no send failure.
-TEST_F(DgFault, StraySignalsAreIgnoredAndAStopIsNoSendFailure)
-{
-    connect();
-    for (int sig : {SIGUSR1, SIGUSR2})
-        ASSERT_EQ(kill(agent, sig), 0);
-    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR1 sig caught; ignored.\n"));
-    EXPECT_TRUE(log_has("[INFO][handle_pending_signals] SIGUSR2 sig caught; ignored.\n"));
-    EXPECT_TRUE(ping_answered());
-
-    for (int i = 0; i < 3000; i++) // timezone answers go through the send queue
-        ASSERT_TRUE(sim->send("timezone"));
-    ASSERT_TRUE(sim->wait_for(recv_of(40001)));
-    ASSERT_EQ(kill(agent, SIGTERM), 0);
-    int status = -1;
-    ASSERT_TRUE(eventually([&] { return waitpid(agent, &status, WNOHANG) == agent; }, 15s));
-    agent = 0;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_TRUE(contains(log(), "[KTR-OSM-00040050] SIGTERM sig caught.\n"));
-    EXPECT_FALSE(contains(log(), "Packet send failed")) << log();
-    checked("SIGUSR1/SIGUSR2 logged and ignored, pings answered; a stop under load logs no send failure");
 }
 
 } // namespace

@@ -84,6 +84,7 @@ TEST_F(HostileHome, LinksAreNotFollowedAndIdsAreText)
     EXPECT_EQ(hello->size("body.custom_infos"), 0) << hello->line();
     auto list = sim->wait_for(recv_of(60003), 45s);
     ASSERT_TRUE(list) << log();
+    EXPECT_EQ(list->num("header.protocol_stamp"), 60003);
     EXPECT_EQ(list->size("body.target_agent_infos"), 2) << list->line();
     EXPECT_EQ(list->str("body.target_agent_infos.0.agent_id"), k_agent_id);
     EXPECT_EQ(list->str("body.target_agent_infos.1.agent_id"), other_id);

@@ -1,10 +1,7 @@
-// Tests of the codec runtime and the fifteen DG messages. The runtime: workspace heap,
-// encoder limits, and the decoder's handling of corrupt, truncated and unexpected input, each
-// with its exact error code. The messages, cross-checked against Google's protobuf library
-// (the reference schema dg_protocol.proto) in both directions: every field set, at its
-// extremes (uint64 and uint32 maxima, negative int32/int64 as ten-byte varints, enum values
-// without a name, 9,215-byte texts), empty items and sub-messages that keep their tags, and
-// map entries with empty keys or values.
+// Tests of the codec runtime (workspace heap, encoder limits, corrupt, truncated and unexpected
+// input, each with its exact error code) and of the fifteen DG messages, cross-checked against
+// libprotobuf (dg_protocol.proto) both ways with every field at its extremes, empty items and
+// sub-messages, and map entries with empty keys or values.
 #include "pbtools.h"
 
 #include "command.h"
@@ -327,7 +324,7 @@ TEST(pbtools, WorkspaceTooSmall)
 
 // The agent decodes each packet into a fresh workspace; repeated decodes into one record
 // get a smoke test: 20 rounds in a workspace that holds only a few if each gave back the
-// heap of the one before, then a sub-record decoded on its own leaves its parent intact.
+// heap of the one before.
 TEST(pbtools, DecodingAgainReusesTheWorkspace)
 {
     bytes_t data = k_command + bytes_t{0x3A, 0xE8, 0x07} + bytes_t(1000, 't') + bytes_t{0x62, 3, 0x0A, 1, 'f'};
@@ -336,38 +333,19 @@ TEST(pbtools, DecodingAgainReusesTheWorkspace)
     ASSERT_NE(m, nullptr);
     for (int round = 0; round < 20; round++)
         ASSERT_EQ(req_command_message_decode(m, data.data(), data.size()), static_cast<int>(data.size())) << round;
-    const bytes_t file = {0x0A, 3, 'n', 'e', 'w', 0x10, 7};
-    ASSERT_EQ(file_info_decode(m->target_file_info, file.data(), file.size()), static_cast<int>(file.size()));
-    EXPECT_STREQ(m->target_file_info->file_name, "new");
     EXPECT_EQ(strlen(m->install_path), 1000u);
-    EXPECT_STREQ(m->target_agent_infos.items_p[0].value, "v");
 }
 
 #define CROSS_CHECK(name, ...) cross_check<dg::name>(AGENT_CODEC(name), same_##name, __VA_ARGS__)
+// The field-by-field comparison of one message: SAME_AS(name) { SAME(field), ...; }
+#define SAME_AS(name) void same_##name(const name##_t *record_p, const dg::name &ref)
 
-void same_req_time_sync(const req_time_sync_t *record_p, const dg::req_time_sync &ref)
-{
-    SAME(server_time);
-}
-void same_res_time_sync_message(const res_time_sync_message_t *record_p, const dg::res_time_sync_message &ref)
-{
-    SAME(agent_time), SAME(dg_time);
-}
-void same_res_timezone_offset_message(const res_timezone_offset_message_t *record_p,
-                                      const dg::res_timezone_offset_message &ref)
-{
-    SAME(offset_kind), SAME(current_time), SAME(offset);
-}
-void same_common_ip_info(const common_ip_info_t *record_p, const dg::common_ip_info &ref)
-{
-    SAME(ip_version), SAME(ip_address), SAME(ip_extra);
-}
-void same_common_mac_info(const common_mac_info_t *record_p, const dg::common_mac_info &ref)
-{
-    SAME(mac_address);
-}
-void same_common_req_agent_info_message(const common_req_agent_info_message_t *record_p,
-                                        const dg::common_req_agent_info_message &ref)
+SAME_AS(req_time_sync) { SAME(server_time); }
+SAME_AS(res_time_sync_message) { SAME(agent_time), SAME(dg_time); }
+SAME_AS(res_timezone_offset_message) { SAME(offset_kind), SAME(current_time), SAME(offset); }
+SAME_AS(common_ip_info) { SAME(ip_version), SAME(ip_address), SAME(ip_extra); }
+SAME_AS(common_mac_info) { SAME(mac_address); }
+SAME_AS(common_req_agent_info_message)
 {
     SAME(agent_time), SAME(agent_type_name), SAME(agent_version), SAME(agent_kind), SAME(agent_mode);
     SAME(protocol_version), SAME(host_name), SAME(machine_id), SAME(os_kind), SAME(os_version);
@@ -375,57 +353,37 @@ void same_common_req_agent_info_message(const common_req_agent_info_message_t *r
     same_items(record_p->ip_infos, ref.ip_infos(), same_common_ip_info);
     same_items(record_p->mac_infos, ref.mac_infos(), same_common_mac_info);
 }
-void same_common_res_agent_info_message(const common_res_agent_info_message_t *record_p,
-                                        const dg::common_res_agent_info_message &ref)
-{
-    SAME(manager_id), SAME(protocol_version), SAME(dg_protocol_version);
-}
-void same_common_req_agent_config_message(const common_req_agent_config_message_t *record_p,
-                                          const dg::common_req_agent_config_message &ref)
-{
-    SAME(config_name);
-}
-void same_common_res_agent_config_message(const common_res_agent_config_message_t *record_p,
-                                          const dg::common_res_agent_config_message &ref)
-{
-    SAME(configs);
-}
+SAME_AS(common_res_agent_info_message) { SAME(manager_id), SAME(protocol_version), SAME(dg_protocol_version); }
+SAME_AS(common_req_agent_config_message) { SAME(config_name); }
+SAME_AS(common_res_agent_config_message) { SAME(configs); }
+SAME_AS(file_info) { SAME(file_name), SAME(file_size), SAME(file_data); }
 // A missing sub-message is null on the agent's side and absent on libprotobuf's.
-void same_file_info(const file_info_t *record_p, const dg::file_info &ref)
-{
-    SAME(file_name), SAME(file_size), SAME(file_data);
-}
 void same_file_field(const file_info_t *record_p, bool ref_has, const dg::file_info &ref)
 {
     ASSERT_EQ(record_p != nullptr, ref_has);
     if (record_p != nullptr)
         same_file_info(record_p, ref);
 }
-void same_req_command_message(const req_command_message_t *record_p, const dg::req_command_message &ref)
+SAME_AS(req_command_message)
 {
     SAME(execution_id), SAME(command_id), SAME(cmd_type), SAME(agent_id), SAME(agent_type);
     SAME(install_username), SAME(install_path), SAME(run_username), SAME(run_path), SAME(timeout);
     SAME(target_agent_infos);
     same_file_field(record_p->target_file_info, ref.has_target_file_info(), ref.target_file_info());
 }
-void same_res_command_message(const res_command_message_t *record_p, const dg::res_command_message &ref)
+SAME_AS(res_command_message)
 {
     SAME(manager_id), SAME(time), SAME(phase_type), SAME(execution_id), SAME(command_id), SAME(cmd_type);
     SAME(agent_id), SAME(agent_type), SAME(result), SAME(result_message);
 }
-void same_target_agent_info(const target_agent_info_t *record_p, const dg::target_agent_info &ref)
-{
-    SAME(agent_id);
-}
-void same_target_agent_info_message(const target_agent_info_message_t *record_p,
-                                    const dg::target_agent_info_message &ref)
+SAME_AS(target_agent_info) { SAME(agent_id); }
+SAME_AS(target_agent_info_message)
 {
     same_items(record_p->target_agent_infos, ref.target_agent_infos(), same_target_agent_info);
 }
-void same_req_file_chunk_message(const req_file_chunk_message_t *record_p, const dg::req_file_chunk_message &ref)
+SAME_AS(req_file_chunk_message)
 {
-    SAME(execution_id), SAME(agent_id), SAME(chunk_size), SAME(chunk_index), SAME(chunk_count);
-    SAME(chunk_data);
+    SAME(execution_id), SAME(agent_id), SAME(chunk_size), SAME(chunk_index), SAME(chunk_count), SAME(chunk_data);
     same_file_field(record_p->target_file_info, ref.has_target_file_info(), ref.target_file_info());
 }
 

