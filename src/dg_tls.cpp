@@ -432,8 +432,12 @@ ctx_ptr build_context(refusal *r)
     SSL_CTX_set_ciphersuites(ctx.get(), "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256");
     SSL_CTX_set_mode(ctx.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_session_cache_mode(ctx.get(), SSL_SESS_CACHE_OFF);
-    // Read what the socket holds in one go rather than record by record.
+    // Read what the socket holds in one go rather than record by record, into a buffer of
+    // four records: a patch chunk of 64 KiB then costs about one read instead of four, and
+    // the agent about a quarter less CPU per GiB than with a one-record buffer (measured with
+    // bench/dg_bench: 1.35 against 1.80 s/GiB; 32 and 128 KiB were no better).
     SSL_CTX_set_read_ahead(ctx.get(), 1);
+    SSL_CTX_set_default_read_buffer_len(ctx.get(), 64 * 1024);
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER, nullptr);
     int rc = 0;
     if (s_settings.mode == DG_TLS_CERT) {
