@@ -110,3 +110,30 @@ static_assert(sizeof(patch_item_t) == 12432, "patch items are 12432 bytes");
 // The suffix is refused in patch file names.
 inline constexpr char PATCH_PART_SUFFIX[] = ".part";
 inline constexpr size_t PATCH_PART_PATH_SIZE = sizeof(patch_item_t::file_path) + sizeof(PATCH_PART_SUFFIX);
+
+// ---- what the status report shows of the commands in hand ----------------------------------
+
+// A command in the ring.
+struct cmd_brief_t {
+    char execution_id[64];
+    char agent_id[64];
+    int32_t cmd_type;       // CMD_*
+    int32_t status;         // CMD_STATUS_USED, _RUN or _STOP
+    uint64_t received_time; // ms since the epoch: received, or the start of its current script
+};
+// A patch transfer still receiving chunks.
+struct transfer_brief_t {
+    char execution_id[64];
+    char file_name[64];
+    uint64_t bytes_received;
+    int64_t file_size;
+};
+// The SHA-256 of a patch file, taken as its chunks were written.
+inline constexpr int PATCH_DIGEST_KEPT = 16; // the newest digests the status report lists
+struct patch_digest_t {
+    char execution_id[64];
+    char file_name[64];
+    uint64_t size;
+    char sha256[65]; // lowercase hex, as sha256sum prints it
+    int64_t written_ms; // when the last chunk was written, ms since the epoch
+};

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -23,6 +24,7 @@
 #include "signal_ctl.h"
 #include "vk_lock.h"
 #include "vk_raii.h"
+#include "vk_sha256.h"
 #include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
@@ -43,6 +45,43 @@ std::atomic<int32_t> g_cmd_info_count{0}; // also read without the lock by cmd_r
 vklock_t g_command_lock;                  // the ring and its counters
 map_t g_patch_list_map;
 vklock_t g_hash_lock; // the map and every item in it; taken before g_command_lock
+
+// What the map holds for a transfer: the item and the SHA-256 of what has been written,
+// taken chunk by chunk so that the finished file is never read again.
+struct patch_entry_t {
+    patch_item_t item; // first: the map's values are used as patch_item_t
+    vk_sha256_t sha;
+};
+static_assert(offsetof(patch_entry_t, item) == 0);
+
+vk_sha256_t *sha_of(patch_item_t *item)
+{
+    return &reinterpret_cast<patch_entry_t *>(item)->sha;
+}
+
+// The newest digests of finished patch files, a ring under g_hash_lock.
+patch_digest_t g_patch_digests[PATCH_DIGEST_KEPT];
+int g_patch_digest_next = 0;  // the slot the next digest goes to
+int g_patch_digest_count = 0; // slots filled, at most PATCH_DIGEST_KEPT
+
+// Finishes the digest of a complete patch file, logs it and keeps it for the status report.
+// Caller holds g_hash_lock.
+void keep_patch_digest(patch_item_t *item)
+{
+    uint8_t digest[32];
+    vk_sha256_final(sha_of(item), digest);
+    patch_digest_t &kept = g_patch_digests[g_patch_digest_next];
+    g_patch_digest_next = (g_patch_digest_next + 1) % PATCH_DIGEST_KEPT;
+    if (g_patch_digest_count < PATCH_DIGEST_KEPT)
+        g_patch_digest_count++;
+    vk_sha256_hex(digest, kept.sha256);
+    vk_strlcpy(kept.execution_id, item->command.execution_id);
+    vk_strlcpy(kept.file_name, item->command.file_name);
+    kept.size = item->bytes_received;
+    kept.written_ms = static_cast<int64_t>(vk_get_time_msec());
+    VKLOG_INFO(g_vklog.load(), "[write_file_from_chunk] file(%s) sha256[%s] size[%llu] execution_id[%s]\n",
+               item->file_path, kept.sha256, static_cast<unsigned long long>(kept.size), kept.execution_id);
+}
 
 // The map key of an agent id: its first 63 characters, zero-padded to 64 bytes.
 struct patch_key_t {
@@ -205,6 +244,53 @@ int cmd_ring_get(int slot, cmd_info_t *out)
     std::lock_guard<vklock_t> guard(g_command_lock);
     *out = g_cmd_info[slot];
     return 0;
+}
+
+void command_snapshot(cmd_brief_t *cmds, int max_cmds, int *cmd_count, transfer_brief_t *transfers,
+                      int max_transfers, int *transfer_count)
+{
+    *cmd_count = 0;
+    *transfer_count = 0;
+    {
+        std::lock_guard<vklock_t> guard(g_command_lock);
+        const int count = g_cmd_info_count.load();
+        for (int i = 0; i < count && *cmd_count < max_cmds; i++) {
+            const cmd_info_t &record = g_cmd_info[(g_cmd_info_start + i) % CMD_INFO_COUNT];
+            if (record.status == CMD_STATUS_EMPTY)
+                continue; // cancelled by a patch_stop while queued
+            cmd_brief_t &brief = cmds[(*cmd_count)++];
+            vk_strlcpy(brief.execution_id, record.execution_id);
+            vk_strlcpy(brief.agent_id, record.agent_id);
+            brief.cmd_type = record.cmd_type;
+            brief.status = record.status;
+            brief.received_time = record.received_time;
+        }
+    }
+    std::lock_guard<vklock_t> guard(g_hash_lock);
+    uint64_t cursor = MAP_CURSOR_START;
+    while (*transfer_count < max_transfers) {
+        void *value = nullptr;
+        map_get_next_node(&g_patch_list_map, &cursor, &value);
+        if (value == nullptr)
+            break;
+        const auto *item = static_cast<const patch_item_t *>(value);
+        if (item->buffer_index != -1)
+            continue; // complete: its command is in the ring
+        transfer_brief_t &brief = transfers[(*transfer_count)++];
+        vk_strlcpy(brief.execution_id, item->command.execution_id);
+        vk_strlcpy(brief.file_name, item->command.file_name);
+        brief.bytes_received = item->bytes_received;
+        brief.file_size = item->file_size;
+    }
+}
+
+int patch_digest_recent(patch_digest_t *out, int max)
+{
+    std::lock_guard<vklock_t> guard(g_hash_lock);
+    int n = 0;
+    for (; n < max && n < g_patch_digest_count; n++)
+        out[n] = g_patch_digests[(g_patch_digest_next - 1 - n + PATCH_DIGEST_KEPT) % PATCH_DIGEST_KEPT];
+    return n;
 }
 
 int patch_collect_stale(uint64_t now)
@@ -461,11 +547,13 @@ int patch_command(const req_command_message_t *msg)
         refuse_patch(msg, "[agent manager] tmp directory of the manager home is not usable (%s/tmp)", g_vk_manager_home);
         return 0;
     }
-    auto item = vk_alloc_zeroed<patch_item_t>();
-    if (!item) {
+    auto entry = vk_alloc_zeroed<patch_entry_t>();
+    if (!entry) {
         VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
         return 0;
     }
+    vk_sha256_init(&entry->sha);
+    patch_item_t *item = &entry->item;
     memcpy(item->key, key.bytes, PATCH_KEY_LEN);
     int n = snprintf(item->file_path, sizeof(item->file_path), "%s/tmp/%s", g_vk_manager_home, file->file_name);
     if (n >= static_cast<int>(sizeof(item->file_path))) {
@@ -502,11 +590,11 @@ int patch_command(const req_command_message_t *msg)
                static_cast<int>(file->file_size), static_cast<int>(item->file_size));
     report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] Chunk file install Start (%s)",
            record.file_name);
-    if (map_setat(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, item.get()) < 0) {
+    if (map_setat(&g_patch_list_map, key.bytes, PATCH_KEY_LEN, item) < 0) {
         VKLOG_ERROR(g_vklog.load(), "[patch_command] hash item malloc function Fail\n");
         return 0;
     }
-    item.release(); // the map owns it now
+    (void)entry.release(); // the map owns it now
     VKLOG_INFO(g_vklog.load(), "[set_patch_command] Adding an item to a hash map\n");
     return 0;
 }
@@ -632,6 +720,7 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
     }
     size_t written = chunk->chunk_size > 0 ? fwrite(chunk->chunk_data.buf_p, 1, chunk->chunk_size, item->file) : 0;
     item->bytes_received += written;
+    vk_sha256_update(sha_of(item), chunk->chunk_data.buf_p, written);
     VKLOG_INFO(g_vklog.load(), "[write_file_from_chunk] agent_id[%s] chunk[%d/%d] chunk_size[%d] write_size[%d/%d]\n",
                record.agent_id, static_cast<int>(chunk->chunk_index), static_cast<int>(chunk->chunk_count),
                static_cast<int>(chunk->chunk_size), static_cast<int>(item->bytes_received),
@@ -659,6 +748,7 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
             patch_item_teardown(item, true);
             return 0;
         }
+        keep_patch_digest(item);
         report(record, CMD_RESULT_SUCCESS, CMD_PHASE_IN_PROGRESS, "[agent manager] file(%s) write success",
                item->file_path);
         record.status = CMD_STATUS_USED;

@@ -61,6 +61,18 @@ int cmd_ring_count(int *start = nullptr, int *end = nullptr);
 // Copies the record of slot into out. Returns 0, -1 for a slot outside the ring.
 [[nodiscard]] int cmd_ring_get(int slot, cmd_info_t *out);
 
+// ---- for the status report ---------------------------------------------------------------------
+
+// Copies up to max_cmds ring records (oldest first) into cmds and up to max_transfers
+// transfers still receiving chunks into transfers; *cmd_count and *transfer_count receive
+// the numbers copied. Cannot fail.
+void command_snapshot(cmd_brief_t *cmds, int max_cmds, int *cmd_count, transfer_brief_t *transfers,
+                      int max_transfers, int *transfer_count);
+
+// Copies up to max of the newest patch digests (newest first) into out. Returns the number
+// copied. Cannot fail.
+int patch_digest_recent(patch_digest_t *out, int max);
+
 // ---- the patch map, for the garbage collector -------------------------------------------------
 
 // Removes every transfer item older than its time-out at `now` (ms since the epoch), logged

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "global_var.h"
+#include "os/linux/vk_notify.h"
 #include "signal_ctl.h"
 #include "vk_file.h"
 #include "vk_raii.h"
@@ -253,6 +254,7 @@ bool wait_exit_until(pid_t pid, int64_t deadline, bool stoppable = false)
 {
     for (;;) {
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+        vk_heartbeat(HEARTBEAT_COMMAND); // a script that runs long is no hang of the thread
         if (shell_exited(pid))
             return true;
         if (mono_msec() >= deadline || (stoppable && command_stop_requested()))
@@ -305,8 +307,10 @@ void end_process_group(pid_t pid)
     kill(-pid, SIGTERM);
     kill(pid, SIGTERM); // reaches the shell even if it never got its own group
     const int64_t deadline = mono_msec() + RUN_SCRIPT_KILL_GRACE_MS;
-    while ((group_alive(pid) || !shell_exited(pid)) && mono_msec() < deadline)
+    while ((group_alive(pid) || !shell_exited(pid)) && mono_msec() < deadline) {
+        vk_heartbeat(HEARTBEAT_COMMAND);
         vk_sleep(EXIT_POLL_MS);
+    }
     if (!group_alive(pid) && shell_exited(pid))
         return;
     VKLOG_INFO(g_vklog.load(), "[run_script] SIGTERM failed, send SIGKILL\n");
@@ -364,6 +368,7 @@ int collect_output(cmd_info_t *record, int fd, pid_t pid, int64_t start, size_t 
     char buf[READ_CHUNK + 1] = {};
     char err[128];
     for (;;) {
+        vk_heartbeat(HEARTBEAT_COMMAND);
         int64_t elapsed = mono_msec() - start;
         if (int rc = timeout_or_stop(record, pid, elapsed); rc != 0)
             return rc;

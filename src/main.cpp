@@ -18,10 +18,12 @@
 #include "dg_tls.h"
 #include "global_var.h"
 #include "os/linux/olv_linux.h"
+#include "os/linux/vk_notify.h"
 #include "pkt_proto/proto_send.h"
 #include "pub_conf.h"
 #include "pub_func.h"
 #include "signal_ctl.h"
+#include "status_file.h"
 #include "thr_command.h"
 #include "thr_dgconn.h"
 #include "thr_garbage_collector.h"
@@ -132,6 +134,17 @@ timeval wait_for_tick(const timeval &tick)
     return now;
 }
 
+// Tells the service manager and the status file that the agent is stopping; once.
+void announce_stop()
+{
+    static bool s_done = false; // main thread only
+    if (s_done)
+        return;
+    s_done = true;
+    vk_notify_send("STOPPING=1");
+    status_file_final();
+}
+
 // Work of one tick at wall-clock second `now` (multiples of the epoch, not of the start).
 void run_tick(time_t now, const char *pid_path)
 {
@@ -168,6 +181,10 @@ int process_main(pthread_attr_t *attributes)
     run_thread(&tid, attributes, thr_garbage_collector, nullptr, "THR_COMMAND");
     char pid_path[VK_PATH_SIZE + 32];
     snprintf(pid_path, sizeof(pid_path), "%s/data/manager_agent_pid", g_vk_manager_home);
+    vk_notify_send("READY=1");
+    // The service manager's watchdog is fed only while the connection and command threads
+    // show life within its period; a wedged thread lets it restart the agent.
+    const uint64_t watchdog_ms = vk_notify_watchdog_usec() / 1000;
     timeval now{};
     gettimeofday(&now, nullptr);
     timeval tick{now.tv_sec + 1, 0};
@@ -179,7 +196,11 @@ int process_main(pthread_attr_t *attributes)
         now = wait_for_tick(tick);
         tick = timeval{now.tv_sec + 1, 0};
         run_tick(now.tv_sec, pid_path);
+        status_file_tick();
+        if (watchdog_ms > 0 && vk_heartbeats_fresh(watchdog_ms))
+            vk_notify_send("WATCHDOG=1");
     }
+    announce_stop();
     VKLOG_INFO(g_vklog.load(), "[process_main] finished.\n");
     return 0;
 }
@@ -305,12 +326,21 @@ int main(int argc, char **argv)
         exit(0);
     }
     VKLOG_NOTICE(g_vklog.load(), "g_vk_manager_home[%s]\n", g_vk_manager_home);
-    char tls_refusal[512];
-    if (dg_tls_init(tls_refusal, sizeof(tls_refusal)) != 0) {
-        fprintf(stderr, "%s\n", tls_refusal);
-        VKLOG_ERROR(g_vklog.load(), "%s\n", tls_refusal);
+    char refusal[512];
+    if (dg_tls_init(refusal, sizeof(refusal)) != 0) {
+        fprintf(stderr, "%s\n", refusal);
+        VKLOG_ERROR(g_vklog.load(), "%s\n", refusal);
         exit(0);
     }
+    if (status_file_init(refusal, sizeof(refusal)) != 0) {
+        fprintf(stderr, "%s\n", refusal);
+        VKLOG_ERROR(g_vklog.load(), "%s\n", refusal);
+        exit(0);
+    }
+    // Read once and taken out of the environment, so that no script inherits the channel.
+    set_stop_signal_hook(announce_stop);
+    if (vk_notify_init() < 0)
+        VKLOG_ERROR(g_vklog.load(), "[MAIN] NOTIFY_SOCKET is not a usable socket address; no notifications.\n");
     // Kernels before 5.18 let execve pass an empty argv: no program name, and the guard
     // then recognises no running agent by name.
     const char *program = argc > 0 && argv[0] != nullptr ? argv[0] : "";

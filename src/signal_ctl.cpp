@@ -88,6 +88,16 @@ static std::atomic<unsigned> s_pending_usr1{0};
 static std::atomic<unsigned> s_pending_usr2{0};
 static_assert(std::atomic<unsigned>::is_always_lock_free, "set from signal context");
 
+namespace
+{
+void (*s_stop_hook)() = nullptr; // main thread only
+} // namespace
+
+void set_stop_signal_hook(void (*hook)())
+{
+    s_stop_hook = hook;
+}
+
 void handle_pending_signals()
 {
     for (unsigned n = s_pending_hup.exchange(0); n > 0; n--) {
@@ -101,6 +111,8 @@ void handle_pending_signals()
     if (s_pending_stop.exchange(0) > 0) {
         atexit(sigexit);
         signal(SIGSEGV, sigsegv);
+        if (s_stop_hook != nullptr)
+            s_stop_hook();
         stop_by_signal("[KTR-OSM-00040050] SIGTERM sig caught.\n", true);
     }
 }

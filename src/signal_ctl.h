@@ -39,6 +39,10 @@ extern signal_debug_code_t g_signal_debug_code[SIGNAL_DEBUG_SLOT_COUNT];
 // Clears every slot (main, at start-up). Cannot fail.
 void clear_signal_debug_code();
 
+// A function the main thread runs when a stop signal (SIGTERM, SIGINT) is about to end the
+// process, before the exit; not for faults. Null for none.
+void set_stop_signal_hook(void (*hook)());
+
 // Handler for SIGHUP, SIGINT, SIGABRT, SIGBUS, SIGKILL, SIGSEGV, SIGTERM, SIGUSR1 and
 // SIGUSR2. SIGHUP, SIGINT, SIGTERM and the two user signals are only counted as pending
 // (safe in signal context) and acted on by handle_pending_signals; the faults add the empty

@@ -2,6 +2,7 @@
 #include "thr_command.h"
 
 #include <cstdio>
+#include <pthread.h>
 #include <cstring>
 #include <mutex>
 #include <string_view>
@@ -10,6 +11,7 @@
 #include "command_util.h"
 #include "configure.h"
 #include "global_var.h"
+#include "os/linux/vk_notify.h"
 #include "pkt_proto/proto_send.h"
 #include "pub_conf.h"
 #include "signal_ctl.h"
@@ -235,6 +237,7 @@ int execute_command()
     // The record a script runs on: 12 KB, on this thread's 10 MiB stack.
     cmd_info_t work{};
     while (g_stop_the_world.load() == 0) {
+        vk_heartbeat(HEARTBEAT_COMMAND);
         const int slot = cmd_ring_take(&work);
         if (slot < 0)
             break;
@@ -250,9 +253,11 @@ void *thr_command(void *)
     clear_agent_registry();
     char config_path[VK_PATH_SIZE + 32];
     snprintf(config_path, sizeof(config_path), "%s/data/%s", g_vk_manager_home, "config");
+    pthread_setname_np(pthread_self(), "quil-command");
     int64_t tick = vk_get_time_msec() / 1000 + 1;
     while (g_stop_the_world.load() == 0) {
         VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
+        vk_heartbeat(HEARTBEAT_COMMAND);
         int64_t now = vk_wait_for_second(tick);
         tick = now + 1;
         if (now % k_report_period_s == 0)

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,7 +28,9 @@
 #include "pkt_proto/proto_send.h"
 #include "pub_func.h"
 #include "signal_ctl.h"
+#include "os/linux/vk_notify.h"
 #include "vk_comm.h"
+#include "vk_string.h"
 #include "vk_time.h"
 #include "vklog.h"
 #include "vk_raii.h"
@@ -128,8 +131,10 @@ using entry_ptr = std::unique_ptr<send_queue_entry_t, entry_deleter>;
 // held up by a reconnect wait.
 void sleep_unless_stopped(int ms)
 {
-    for (int left = ms; left > 0 && g_stop_the_world.load() == 0; left -= 100)
+    for (int left = ms; left > 0 && g_stop_the_world.load() == 0; left -= 100) {
+        vk_heartbeat(HEARTBEAT_DGCONN); // waiting to reconnect is no hang
         vk_sleep(left < 100 ? left : 100);
+    }
 }
 
 void set_socket_options(int sock)
@@ -160,6 +165,29 @@ void start_sender_thread()
     pthread_attr_destroy(&attributes);
 }
 
+// ---- connection status ----------------------------------------------------------------
+
+std::mutex s_conn_status_lock;
+dg_conn_status_t s_conn_status{};
+
+// Records the outcome of an attempt or the end of a connection: error is null for a success.
+void note_connection(int connected, const char *error)
+{
+    std::lock_guard<std::mutex> guard(s_conn_status_lock);
+    const int64_t now = vk_get_time_msec();
+    if (connected != s_conn_status.connected || s_conn_status.since_ms == 0)
+        s_conn_status.since_ms = now;
+    s_conn_status.connected = connected;
+    vk_strlcpy(s_conn_status.address, g_dgconn_slave_info.addr_text);
+    if (connected != 0) {
+        s_conn_status.last_handshake_ms = now;
+        s_conn_status.handshakes++;
+        s_conn_status.last_error[0] = '\0';
+    } else {
+        vk_strlcpy(s_conn_status.last_error, error != nullptr ? error : "");
+    }
+}
+
 // A TLS session the DG side refused counts and is logged like a refused connection.
 void log_tls_failure(int *failures, const char *reason)
 {
@@ -185,12 +213,18 @@ int connect_and_identify(int *failures)
     set_dg_address();
     if (g_dgconn_slave_info.ip == 0) {
         VKLOG_ERROR(g_vklog.load(), "[thr_DGConn][reconnect case] Check Option Value. [MGR_RECEIVER_ADDR]\n");
+        note_connection(0, "MGR_RECEIVER_ADDR is not a usable address");
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
         return 0;
     }
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
     int sock = ConnectDGServer(g_dgconn_slave_info.ip, g_dgconn_slave_info.port);
     if (sock <= 0) {
+        const int connect_errno = errno;
+        char error[128];
+        snprintf(error, sizeof(error), "connect failed: %s", strerror(connect_errno));
+        note_connection(0, error);
+        errno = connect_errno;
         if (*failures < k_logged_connect_failures) {
             VKLOG_ERROR(g_vklog.load(),
                         "[thr_DGConn] Connection failed for DataGather Server. Socket:%d Interval:%d(ms) (%d)\n",
@@ -203,6 +237,7 @@ int connect_and_identify(int *failures)
     char reason[256];
     if (dg_tls_mode() != DG_TLS_UNENCRYPTED && dg_tls_connect(sock, reason, sizeof(reason)) != 0) {
         log_tls_failure(failures, reason);
+        note_connection(0, reason);
         close_socket(sock);
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
         return 0;
@@ -215,6 +250,7 @@ int connect_and_identify(int *failures)
         if (dg_tls_failure(sock, reason, sizeof(reason)))
             log_tls_failure(failures, reason);
         VKLOG_INFO(g_vklog.load(), "[thr_DGConn] dg_communicate() has failed.[sock:%d,ret:%d]\n", sock, ret);
+        note_connection(0, ret == -1 ? "the identity message could not be sent" : "no answer to the identity message");
         DisconnectDGServer(sock);
         sleep_unless_stopped(DG_RECONNECT_INTERVAL_MS);
         return 0;
@@ -222,6 +258,7 @@ int connect_and_identify(int *failures)
     VKLOG_DEBUG(g_vklog.load(), "[thr_DGConn] send identity success.\n");
     g_dg_sock.store(sock); // published before the flag, so no reader sees the flag first
     g_dg_is_connection.store(1);
+    note_connection(1, nullptr);
     VKLOG_INFO(g_vklog.load(), "[thr_DGConn] sock(%d),data gather connect(%d)\n", sock, 1);
     send_req_timesync();
     *failures = 0;
@@ -235,6 +272,7 @@ int connect_and_identify(int *failures)
 void *thr_DGConn(void *)
 {
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_DGCONN);
+    pthread_setname_np(pthread_self(), "quil-dgconn");
     set_nio_header_version(2);
     initialize_agent_info();
     if (create_send_queue() != 0) {
@@ -252,6 +290,7 @@ void *thr_DGConn(void *)
     int failures = 0;
     int sock = 0;
     while (g_stop_the_world.load() == 0) {
+        vk_heartbeat(HEARTBEAT_DGCONN);
         if (g_dg_is_connection.load() == 0) {
             sock = connect_and_identify(&failures);
             if (sock == 0)
@@ -342,7 +381,21 @@ void DisconnectDGServer(int socket)
         close_socket(socket);
     }
     g_remote_conf_is_initialize.store(0);
+    {
+        std::lock_guard<std::mutex> guard(s_conn_status_lock);
+        if (s_conn_status.connected != 0) {
+            s_conn_status.connected = 0;
+            s_conn_status.since_ms = vk_get_time_msec();
+            vk_strlcpy(s_conn_status.last_error, "connection lost");
+        }
+    }
     VKLOG_INFO(g_vklog.load(), "[DisconnectDGServer] sock:%d\n", socket);
+}
+
+void dg_conn_status(dg_conn_status_t *out)
+{
+    std::lock_guard<std::mutex> guard(s_conn_status_lock);
+    *out = s_conn_status;
 }
 
 int dg_communicate(int socket)

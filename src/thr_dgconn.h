@@ -28,6 +28,18 @@ inline constexpr int DG_LINGER_SECONDS = 3;
 
 // Thread body of THR_DGCONN (argument unused). Runs until g_stop_the_world is raised, then
 // closes the connection and ends the thread.
+// What the status report shows of the connection, kept by the connection thread.
+struct dg_conn_status_t {
+    int connected;             // 1 while a handshaken connection exists
+    int64_t since_ms;          // when the current state (connected or not) began, ms since the epoch
+    int64_t last_handshake_ms; // the last successful handshake, 0 before the first
+    int handshakes;            // successful handshakes since start
+    char address[32];          // the DG address of the last attempt, "ip:port"
+    char last_error[160];      // why the last attempt failed or the connection ended
+};
+// Copies the connection's status. Cannot fail.
+void dg_conn_status(dg_conn_status_t *out);
+
 void *thr_DGConn(void *argument);
 
 // Opens an IPv4 stream socket (close-on-exec), connects to ip (network order) : port with
