@@ -120,9 +120,14 @@ blocks_fn choose_blocks()
     return blocks_portable;
 }
 
-const blocks_fn s_blocks = choose_blocks();
+blocks_fn s_blocks = choose_blocks(); // set before any thread hashes
 
 } // namespace
+
+void vk_sha256_use_portable(bool on)
+{
+    s_blocks = on ? blocks_portable : choose_blocks();
+}
 
 void vk_sha256_init(vk_sha256_t *ctx)
 {

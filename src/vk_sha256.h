@@ -17,5 +17,8 @@ void vk_sha256_init(vk_sha256_t *ctx);
 void vk_sha256_update(vk_sha256_t *ctx, const void *data, size_t size);
 // Finishes the digest: 32 bytes into digest. The context must be initialised again for reuse.
 void vk_sha256_final(vk_sha256_t *ctx, uint8_t digest[32]);
+// Chooses the portable block function even where the SHA extensions exist (on), or the
+// fastest one again (off); for comparing the two.
+void vk_sha256_use_portable(bool on);
 // Lowercase hex of a digest, terminated (65 bytes).
 void vk_sha256_hex(const uint8_t digest[32], char hex[65]);
