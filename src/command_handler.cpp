@@ -17,6 +17,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "cmd_journal.h"
 #include "command_util.h"
 #include "global_var.h"
 #include "hash2.h"
@@ -104,6 +105,8 @@ patch_item_t *patch_lookup_locked(const char *agent_id)
 // queued). Caller holds g_hash_lock.
 void patch_item_teardown(patch_item_t *item, bool remove_file)
 {
+    if (item->buffer_index == -1)
+        cmd_journal_remove(item->command.execution_id); // the transfer ends here, answered or not
     if (item->file != nullptr) {
         fclose(item->file);
         item->file = nullptr;
@@ -124,6 +127,8 @@ void patch_item_teardown(patch_item_t *item, bool remove_file)
 int cmd_ring_push_locked(const cmd_info_t &record, const char *caller)
 {
     int slot = g_cmd_info_end;
+    if (g_cmd_info_count.load() >= CMD_INFO_COUNT)
+        cmd_journal_remove(g_cmd_info[slot].execution_id); // its command is never answered
     g_cmd_info[slot] = record;
     g_cmd_info[slot].status = CMD_STATUS_USED;
     g_cmd_info_end = (g_cmd_info_end + 1) % CMD_INFO_COUNT;
@@ -510,6 +515,7 @@ int set_command(const req_command_message_t *msg)
            cmd_type_name(record.cmd_type));
     std::lock_guard<vklock_t> guard(g_command_lock);
     cmd_ring_push_locked(record, "set_command");
+    cmd_journal_accept(&record, nullptr);
     return 0;
 }
 
@@ -595,6 +601,9 @@ int patch_command(const req_command_message_t *msg)
         return 0;
     }
     (void)entry.release(); // the map owns it now
+    char part[PATCH_PART_PATH_SIZE];
+    patch_part_path(item, part);
+    cmd_journal_accept(&record, part);
     VKLOG_INFO(g_vklog.load(), "[set_patch_command] Adding an item to a hash map\n");
     return 0;
 }
@@ -649,6 +658,7 @@ int del_command(const req_command_message_t *msg)
                    "[agent manager] command(%s) delete success. No commands are in progress yet",
                    cmd_type_name(queued.cmd_type));
             memset(&queued, 0, sizeof(queued));
+            cmd_journal_remove(ack.execution_id); // answered above
             remove_file = true; // the patch program will not run now
         } else if (queued.status == CMD_STATUS_RUN || queued.status == CMD_STATUS_STOP) {
             // The running script is ended by the script runner, asked through its stop
@@ -754,6 +764,7 @@ int write_file_from_chunk(const req_file_chunk_message_t *chunk)
         record.status = CMD_STATUS_USED;
         std::lock_guard<vklock_t> command_guard(g_command_lock);
         item->buffer_index = cmd_ring_push_locked(record, "write_file_from_chunk");
+        cmd_journal_accept(&record, nullptr); // the file has its name now
     }
     item->last_chunk_index++;
     return 0;

@@ -14,6 +14,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "cmd_journal.h"
 #include "command_handler.h"
 #include "dg_tls.h"
 #include "global_var.h"
@@ -352,6 +353,7 @@ int main(int argc, char **argv)
     VKLOG_INFO(g_vklog.load(), "[MAIN] HOME: %s\n", g_vk_manager_home);
     set_dg_address();
     init_chunk_hash();
+    cmd_journal_open();
     // Transfers cut short by an earlier stop or crash left ".part" files; so may this run.
     if (int removed = remove_partial_patch_files(); removed > 0)
         VKLOG_INFO(g_vklog.load(), "[MAIN] removed %d unfinished patch file(s) from tmp\n", removed);

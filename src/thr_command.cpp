@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "cmd_journal.h"
 #include "command_handler.h"
 #include "command_util.h"
 #include "configure.h"
@@ -146,11 +147,18 @@ void run_command(cmd_info_t *record, int idx)
 void finish_command(cmd_info_t *work, int slot)
 {
     run_command(work, slot);
+    char journal_key[sizeof(work->execution_id)];
+    vk_strlcpy(journal_key, work->execution_id);
     cmd_ring_stop_ids(slot, work); // a patch_stop during the run: its ids get the answer
     VKLOG_INFO(g_vklog.load(), "[execute_command] send result message. idx[%d] cmd_type[%d][%s] agent_id[%s] execution_id[%s]\n",
                slot, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
     VK_SIGNAL_DEBUG(SIGNAL_DEBUG_COMMAND);
-    send_res_command(work, CMD_PHASE_DONE);
+    {
+        // Journaled first: a result lost with the connection is sent again after the next one.
+        cmd_journal_send_guard guard;
+        cmd_journal_done(journal_key, work);
+        send_res_command(work, CMD_PHASE_DONE, journal_key);
+    }
     VKLOG_INFO(g_vklog.load(), "[execute_command] delete command. idx[%d] cmd_type[%d][%s] agent_id[%s] execution_id[%s]\n",
                slot, work->cmd_type, cmd_type_name(work->cmd_type), work->agent_id, work->execution_id);
     memset(g_custom_prefix, 0, sizeof(g_custom_prefix));

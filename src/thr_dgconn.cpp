@@ -20,6 +20,7 @@
 #include <mutex>
 #include <new>
 
+#include "cmd_journal.h"
 #include "dg_tls.h"
 #include "global_var.h"
 #include "vk_list.h"
@@ -47,6 +48,7 @@ struct send_queue_entry_t {
     uint32_t message_type;
     uint64_t length; // whole packet, headers included
     char *packet;    // malloc'd; owned by the entry
+    char journal_key[64]; // the journal record this packet answers; empty for none
 };
 
 vklist_t *g_send_queue = nullptr;  // guarded by g_send_queue_lock; null until created
@@ -188,6 +190,25 @@ void note_connection(int connected, const char *error)
     }
 }
 
+// Sends the done results the journal holds: ones lost with an earlier connection and, after
+// the first handshake, the answers to commands the last stop interrupted.
+void send_journaled_results()
+{
+    cmd_journal_send_guard guard; // a result being queued now is not sent twice
+    auto keys = vk_alloc_array<char[64]>(CMD_JOURNAL_MAX);
+    auto answer = vk_alloc_zeroed<cmd_info_t>();
+    if (!keys || !answer)
+        return;
+    const int n = cmd_journal_to_send(keys.get(), CMD_JOURNAL_MAX);
+    for (int i = 0; i < n; i++) {
+        if (cmd_journal_answer(keys[i], answer.get()) != 0)
+            continue;
+        VKLOG_INFO(g_vklog.load(), "[thr_DGConn] journaled result sent again. execution_id[%s] result[%d][%s]\n",
+                   answer->execution_id, answer->result, cmd_result_name(answer->result));
+        send_res_command(answer.get(), CMD_PHASE_DONE, keys[i]);
+    }
+}
+
 // A TLS session the DG side refused counts and is logged like a refused connection.
 void log_tls_failure(int *failures, const char *reason)
 {
@@ -261,6 +282,7 @@ int connect_and_identify(int *failures)
     note_connection(1, nullptr);
     VKLOG_INFO(g_vklog.load(), "[thr_DGConn] sock(%d),data gather connect(%d)\n", sock, 1);
     send_req_timesync();
+    send_journaled_results();
     *failures = 0;
     return sock;
 }
@@ -432,7 +454,7 @@ int create_send_queue()
     return g_send_queue != nullptr ? 0 : -1;
 }
 
-int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
+int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length, const char *journal_key)
 {
     vk_unique_malloc<char> owned(packet);
     if (g_dg_is_connection.load() < 1 || packet == nullptr)
@@ -443,6 +465,8 @@ int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length)
     entry->message_type = message_type;
     entry->length = length;
     entry->packet = owned.release();
+    if (journal_key != nullptr)
+        vk_strlcpy(entry->journal_key, journal_key);
     std::lock_guard<vklock_t> guard(g_send_queue_lock);
     if (g_send_queue == nullptr)
         return 0;
@@ -563,6 +587,8 @@ int send_buffer(int socket)
             return -1;
         }
         s_last_send_errno = 0;
+        if (entry->journal_key[0] != '\0' && static_cast<uint64_t>(n) == entry->length)
+            cmd_journal_remove(entry->journal_key);
         sent++;
     }
     return sent;

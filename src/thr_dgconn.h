@@ -75,8 +75,9 @@ inline constexpr int SENDER_INTERVAL_MS = 100;
 [[nodiscard]] int create_send_queue();
 // Queues packet (length bytes) for the sender while a connection is up. Takes ownership of
 // packet in every case: a packet that is not queued (no connection, null, no memory, queue
-// full) is freed; a full queue (2000 entries) counts the drop in g_info_log. Returns 0.
-int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length);
+// full) is freed; a full queue (2000 entries) counts the drop in g_info_log. A packet with a
+// journal_key removes that journal record once it is written whole. Returns 0.
+int add_to_send_buffer(uint32_t message_type, char *packet, uint64_t length, const char *journal_key = nullptr);
 // Writes every queued packet: the queue is detached in one step, then each packet is
 // written whole under g_send_lock. Returns the number written, or -1 after a failed write,
 // which discards the rest of that batch (packets queued meanwhile stay queued). Each

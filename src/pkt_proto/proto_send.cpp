@@ -303,7 +303,7 @@ size_t utf8_sanitize(const char *text, char *out, size_t out_size)
     return used;
 }
 
-int send_res_command(const cmd_info_t *record, int phase)
+int send_res_command(const cmd_info_t *record, int phase, const char *journal_key)
 {
     if (record == nullptr)
         return -1;
@@ -338,7 +338,7 @@ int send_res_command(const cmd_info_t *record, int phase)
     }
     char *packet = nullptr;
     int length = wrap_dg_packet(&packet, encoded.get(), size, MSG_RES_COMMAND);
-    add_to_send_buffer(MSG_RES_COMMAND, packet, static_cast<uint64_t>(length));
+    add_to_send_buffer(MSG_RES_COMMAND, packet, static_cast<uint64_t>(length), journal_key);
     VKLOG_INFO(g_vklog.load(),
                "[send_res_command] (60002) phase_type[%d][%s] cmd_type[%d][%s] result[%d][%s] send_data_size[%d] "
                "execution_id[%s] agent_id[%s]\n",

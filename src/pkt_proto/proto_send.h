@@ -41,7 +41,9 @@ struct cmd_info_t;
 // result text goes out up to its first zero byte, with any byte sequence that is not UTF-8
 // replaced by '?' (script output is arbitrary bytes; the DG parses the text as UTF-8).
 // Returns 0; -1 no workspace; -2 encoding failed.
-int send_res_command(const cmd_info_t *record, int phase);
+// journal_key, when given, names the journal record this result answers: once the packet is
+// written to the DG socket the record goes (cmd_journal).
+int send_res_command(const cmd_info_t *record, int phase, const char *journal_key = nullptr);
 // Copies text into out (out_size bytes, terminated) with every byte that does not start a
 // valid UTF-8 sequence (and a sequence that would not fit) replaced by '?'. Returns the
 // bytes written before the terminator.
