@@ -181,6 +181,32 @@ if [ -n "${deb:-}" ] && [ -f "$deb" ]; then
     sed -i 's#^MGR_QUIL_HOME=.*#MGR_QUIL_HOME=/srv/linked#' "$root/etc/default/quil-manager-agent"
     env DPKG_ROOT="$root" sh "$control/postinst" configure 2>/dev/null || true
     check "postinst: a linked manager directory is left alone" test ! -e "$root/srv/elsewhere/data"
+
+    check "unit is Type=notify with WatchdogSec=30" \
+        bash -c "grep -qx 'Type=notify' '$pkg_unit' && grep -qx 'WatchdogSec=30' '$pkg_unit'"
+    if have lintian; then
+        lintian_out=$(lintian "$deb" 2>&1 | grep -v 'running with root privileges' || true)
+        echo "$lintian_out" | sed 's/^/lintian: /'
+        check "lintian reports no error" test -z "$(grep '^E:' <<<"$lintian_out" || true)"
+    else
+        echo "note: lintian not available, package not linted"
+    fi
+
+    # The package on this machine: installed, its unit verified where it landed, purged
+    # without a file left behind. Only as root, and never over an installed copy.
+    if [ "$(id -u)" = 0 ] && have dpkg && ! dpkg -s quil-manager-agent >/dev/null 2>&1; then
+        check "dpkg -i" dpkg -i "$deb" >/dev/null
+        files=$(dpkg -L quil-manager-agent | while read -r f; do if [ -f "$f" ]; then echo "$f"; fi; done)
+        if have systemd-analyze; then
+            check "systemd-analyze verify (unit installed by dpkg)" \
+                verify_unit /usr/lib/systemd/system/quil-manager-agent.service /usr/sbin/quil-manager-agent /usr/share/man
+        fi
+        check "dpkg --purge" dpkg --purge quil-manager-agent >/dev/null
+        left=$(for f in $files; do if [ -e "$f" ]; then echo "$f"; fi; done)
+        check "purge leaves none of the package's files (${left:-none})" test -z "$left"
+    else
+        echo "note: not root, no dpkg, or the package is installed here: install test skipped"
+    fi
 fi
 
 if [ "$failures" -ne 0 ]; then
