@@ -33,13 +33,51 @@ namespace
 constexpr std::string_view k_header = "quil-manager-agent command journal 1";
 constexpr size_t k_file_max = 4u << 20; // far above 128 full records
 
+// What a done result carries: the fields of cmd_info_t that send_res_command sends.
+struct journal_answer_t {
+    char execution_id[64];
+    char command_id[64];
+    char agent_id[64];
+    int32_t cmd_type;
+    int32_t agent_type;
+    int32_t result;
+    char *result_message; // malloc'd once done (null before); at most CMD_RESULT_MESSAGE_SIZE - 1 characters
+};
+
 struct journal_rec_t {
     bool used;
     bool done;
-    cmd_info_t answer; // ids, type, result and text; the rest unused
+    journal_answer_t answer;
     char key[64];
     char part_path[PATCH_PART_PATH_SIZE];
 };
+
+// Empties a record, freeing its text.
+void clear_rec(journal_rec_t *r)
+{
+    free(r->answer.result_message);
+    memset(r, 0, sizeof(*r));
+}
+
+// Gives a record its result text (cut to the result field's size). False without memory.
+bool set_text(journal_rec_t *r, std::string_view text)
+{
+    if (text.size() >= CMD_RESULT_MESSAGE_SIZE)
+        text = text.substr(0, CMD_RESULT_MESSAGE_SIZE - 1);
+    char *copy = static_cast<char *>(malloc(text.size() + 1));
+    if (copy == nullptr)
+        return false;
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    free(r->answer.result_message);
+    r->answer.result_message = copy;
+    return true;
+}
+
+const char *text_of(const journal_rec_t &r)
+{
+    return r.done && r.answer.result_message != nullptr ? r.answer.result_message : "";
+}
 
 std::mutex s_lock;
 std::mutex s_send_lock; // cmd_journal_send_guard
@@ -93,7 +131,7 @@ void save_locked()
         if (s_recs[i].used)
             size += 2 * (strlen(s_recs[i].answer.execution_id) + strlen(s_recs[i].answer.command_id) +
                          strlen(s_recs[i].answer.agent_id) + strlen(s_recs[i].part_path) + strlen(s_recs[i].key) +
-                         (s_recs[i].done ? strlen(s_recs[i].answer.result_message) : 0)) +
+                         strlen(text_of(s_recs[i]))) +
                     80;
     auto data = vk_alloc_array<char>(size);
     if (!data)
@@ -121,7 +159,7 @@ void save_locked()
         b.put('\t');
         b.text(r.part_path);
         b.put('\t');
-        b.text(r.done ? r.answer.result_message : "");
+        b.text(text_of(r));
         b.put('\t');
         b.text(r.key);
         b.put('\n');
@@ -189,7 +227,7 @@ bool part_path_ok(const char *path)
     return name.size() > sizeof(PATCH_PART_SUFFIX) - 1 && name.find('/') == std::string_view::npos;
 }
 
-bool parse_line(std::string_view line, journal_rec_t *r)
+bool parse_line(std::string_view line, journal_rec_t *r, char (&text)[CMD_RESULT_MESSAGE_SIZE])
 {
     std::string_view f[10];
     int n = 0;
@@ -204,7 +242,7 @@ bool parse_line(std::string_view line, journal_rec_t *r)
         }
         start = tab + 1;
     }
-    cmd_info_t &a = r->answer;
+    journal_answer_t &a = r->answer;
     if (n != 10 || (f[0] != "A" && f[0] != "D"))
         return false;
     r->done = f[0] == "D";
@@ -213,8 +251,8 @@ bool parse_line(std::string_view line, journal_rec_t *r)
            unescape(f[2], a.command_id, sizeof(a.command_id)) && number(f[3], &a.cmd_type) &&
            unescape(f[4], a.agent_id, sizeof(a.agent_id)) && number(f[5], &a.agent_type) &&
            number(f[6], &a.result) && unescape(f[7], r->part_path, sizeof(r->part_path)) &&
-           part_path_ok(r->part_path) && unescape(f[8], a.result_message, sizeof(a.result_message)) &&
-           unescape(f[9], r->key, sizeof(r->key)) && r->key[0] != '\0';
+           part_path_ok(r->part_path) && unescape(f[8], text, sizeof(text)) &&
+           unescape(f[9], r->key, sizeof(r->key)) && r->key[0] != '\0' && (!r->done || set_text(r, text));
 }
 
 // Parses the file's text into the table. False when any of it does not parse.
@@ -223,9 +261,13 @@ bool parse_locked(std::string_view text)
     if (!text.starts_with(k_header) || text.size() == k_header.size() || text[k_header.size()] != '\n')
         return false;
     text.remove_prefix(k_header.size() + 1);
+    auto message = vk_alloc_array<char[CMD_RESULT_MESSAGE_SIZE]>(1);
+    if (!message)
+        return false;
     for (int i = 0; !text.empty(); i++) {
         size_t end = text.find('\n');
-        if (end == std::string_view::npos || i == CMD_JOURNAL_MAX || !parse_line(text.substr(0, end), &s_recs[i]))
+        if (end == std::string_view::npos || i == CMD_JOURNAL_MAX ||
+            !parse_line(text.substr(0, end), &s_recs[i], message[0]))
             return false;
         text.remove_prefix(end + 1);
     }
@@ -254,7 +296,9 @@ int cmd_journal_open()
             return 0;
         }
     }
-    memset(s_recs, 0, CMD_JOURNAL_MAX * sizeof(journal_rec_t));
+    for (int i = 0; i < CMD_JOURNAL_MAX; i++)
+        if (s_recs[i].used || s_recs[i].answer.result_message != nullptr)
+            clear_rec(&s_recs[i]);
     s_interrupted_answered = false;
     char path[VK_PATH_SIZE + 32];
     journal_path(path);
@@ -274,7 +318,8 @@ int cmd_journal_open()
     for (ssize_t n = 1; text && n > 0 && len < static_cast<size_t>(st.st_size); len += n > 0 ? static_cast<size_t>(n) : 0)
         n = read(fd.fd, text.get() + len, static_cast<size_t>(st.st_size) - len);
     if (!text || !parse_locked(std::string_view(text.get(), len))) {
-        memset(s_recs, 0, CMD_JOURNAL_MAX * sizeof(journal_rec_t));
+        for (int i = 0; i < CMD_JOURNAL_MAX; i++)
+            clear_rec(&s_recs[i]);
         set_aside("it does not parse");
         return 0;
     }
@@ -304,7 +349,7 @@ void cmd_journal_accept(const cmd_info_t *record, const char *part_path)
         if (r == nullptr)
             return;
     }
-    memset(r, 0, sizeof(*r));
+    clear_rec(r);
     r->used = true;
     vk_strlcpy(r->key, record->execution_id);
     vk_strlcpy(r->answer.execution_id, record->execution_id);
@@ -322,6 +367,10 @@ void cmd_journal_done(const char *key, const cmd_info_t *answer)
     journal_rec_t *r = find_locked(key);
     if (r == nullptr)
         return;
+    if (!set_text(r, answer->result_message)) {
+        VKLOG_ERROR(g_vklog.load(), "[cmd_journal] no memory for the result of %s; not journaled.\n", key);
+        return;
+    }
     r->done = true;
     vk_strlcpy(r->answer.execution_id, answer->execution_id);
     vk_strlcpy(r->answer.command_id, answer->command_id);
@@ -329,7 +378,6 @@ void cmd_journal_done(const char *key, const cmd_info_t *answer)
     r->answer.cmd_type = answer->cmd_type;
     r->answer.agent_type = answer->agent_type;
     r->answer.result = answer->result;
-    vk_strlcpy(r->answer.result_message, answer->result_message);
     r->part_path[0] = '\0';
     save_locked();
 }
@@ -340,7 +388,7 @@ void cmd_journal_remove(const char *key)
     journal_rec_t *r = find_locked(key);
     if (r == nullptr)
         return;
-    r->used = false;
+    clear_rec(r);
     save_locked();
 }
 
@@ -356,11 +404,14 @@ int cmd_journal_to_send(char (*keys)[64], int max)
             journal_rec_t &r = s_recs[i];
             if (!r.used || r.done)
                 continue;
-            r.done = changed = true;
-            r.answer.result = CMD_RESULT_FAIL;
-            snprintf(r.answer.result_message, sizeof(r.answer.result_message),
+            char text[160];
+            snprintf(text, sizeof(text),
                      "[agent manager] The agent stopped while the command was running. (execution_id:%s)",
                      r.answer.execution_id);
+            if (!set_text(&r, text))
+                continue; // no memory: left as it is, without an answer
+            r.done = changed = true;
+            r.answer.result = CMD_RESULT_FAIL;
             if (r.part_path[0] != '\0' && unlink(r.part_path) == 0)
                 VKLOG_INFO(g_vklog.load(), "[cmd_journal] removed %s of the interrupted transfer %s\n", r.part_path,
                            r.answer.execution_id);
@@ -388,7 +439,7 @@ int cmd_journal_answer(const char *key, cmd_info_t *out)
     out->cmd_type = r->answer.cmd_type;
     out->agent_type = r->answer.agent_type;
     out->result = r->answer.result;
-    vk_strlcpy(out->result_message, r->answer.result_message);
+    vk_strlcpy(out->result_message, text_of(*r));
     return 0;
 }
 
