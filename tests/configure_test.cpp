@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
-#include <atomic>
 #include <cstring>
 #include <memory>
 
@@ -102,57 +101,6 @@ TEST_F(ConfigureTest, LoadChangesReadOnlyOptionsButReloadDoesNot)
     EXPECT_EQ(value_of(h.get(), 0), "loaded"); // read-only: only load may change it
     EXPECT_EQ(value_of(h.get(), 1), "reloaded");
     EXPECT_EQ(reload_config_file(h.get(), path.c_str()), -2);
-}
-
-TEST_F(ConfigureTest, UpdateRuleReplacesLongerAndReusesShorterBuffers)
-{
-    conf_option_t &opt = handle->options[0];
-    const char *before = opt.value;
-    ASSERT_EQ(update_conf_value_for_key(handle, "MGR_INTERVAL_INFO_LOG", "30000", 5), 0);
-    EXPECT_STREQ(opt.value, "30000");
-    EXPECT_NE(opt.value, before) << "a longer value needs a new buffer";
-    const char *longer = opt.value;
-    ASSERT_EQ(update_conf_value_for_idx(handle, 0, "7", 1), 0);
-    EXPECT_EQ(opt.value, longer) << "a shorter value reuses the buffer";
-    EXPECT_EQ(std::string(opt.value, 6), std::string("7\0\0\0\0\0", 6)) << "old bytes cleared";
-    EXPECT_EQ(handle->serial_size, expected_serial_size());
-    ASSERT_EQ(update_conf_value_for_key(handle, "MGR_LOG_LEVEL", "tracefoo", 5), 0); // len bounds it
-    EXPECT_EQ(value_of(handle, 3), "trace");
-    EXPECT_EQ(update_conf_value_for_idx(handle, 5, "x", 1), -3);
-}
-
-// The serialised form (interface only): the count, then per option a 64-byte name, a 32-bit
-// big-endian length and the value; 12 bytes per option more are counted than written.
-TEST_F(ConfigureTest, SerialisationSmoke)
-{
-    char *out = nullptr;
-    int size = get_conf_serialization(handle, &out);
-    std::unique_ptr<char, decltype(&free)> owner(out, free);
-    ASSERT_EQ(size, expected_serial_size());
-    EXPECT_EQ(std::string(out, 2 + 64 + 4 + 3), std::string("\0\5MGR_INTERVAL_INFO_LOG", 23) + std::string(43, '\0') +
-                                                       std::string("\0\0\0\3" "300", 7));
-}
-
-// Readers by index and name run while another thread rewrites values in place; under TSan
-// this shows that the lock covers every access.
-TEST_F(ConfigureTest, ConcurrentReadersAndUpdater)
-{
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 2000; i++)
-            update_conf_value_for_key(handle, "MGR_INTERVAL_INFO_LOG", i % 2 ? "111" : "22222",
-                                      i % 2 ? 3 : 5);
-        stop = true;
-    });
-    int bad = 0;
-    for (char buf[16]; !stop;) {
-        int v = get_conf_value_int_for_idx(handle, 0);
-        get_conf_value_string_for_key(handle, "MGR_INTERVAL_INFO_LOG", buf, sizeof(buf));
-        bad += (v != 300 && v != 111 && v != 22222) ||
-               (strcmp(buf, "300") && strcmp(buf, "111") && strcmp(buf, "22222"));
-    }
-    writer.join();
-    EXPECT_EQ(bad, 0);
 }
 
 } // namespace

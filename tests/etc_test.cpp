@@ -27,22 +27,4 @@ TEST(Kstrtok, SkipsRunsOfDelimitersAndEndsWithNull)
     EXPECT_EQ(kstrtok(KSTRTOK_MAX_CONTEXT, date, ","), nullptr);
 }
 
-TEST(Kstrtok, ContextPoolSmoke)
-{
-    std::vector<int> taken;
-    for (int i = 0; i < KSTRTOK_MAX_CONTEXT; i++)
-        taken.push_back(kstrtokbegin());
-    EXPECT_EQ(taken.back(), KSTRTOK_MAX_CONTEXT - 1) << "lowest free context first";
-    EXPECT_EQ(kstrtokbegin(), 0); // nothing reserved
-    char x[] = "x1 x2", y[] = "y1,y2";
-    EXPECT_STREQ(kstrtok(3, x, " "), "x1");
-    EXPECT_STREQ(kstrtok(4, y, ","), "y1");
-    EXPECT_STREQ(kstrtok(3, nullptr, " "), "x2");
-    EXPECT_STREQ(kstrtok(4, nullptr, ","), "y2");
-    kstrtokend(5);
-    EXPECT_EQ(kstrtokbegin(), 5);
-    for (int c : taken)
-        kstrtokend(c);
-}
-
 } // namespace

@@ -134,12 +134,9 @@ void cross_check(const agent_codec<T> &codec, Same same, std::vector<std::string
 const auto command_codec = AGENT_CODEC(req_command_message);
 
 // A heap needs 16 bytes, a record its heap and itself; allocations that do not fit leave the
-// field unchanged. Every encode buffer shorter than the encoding fails with -4. The error
-// texts, which nothing in the agent prints, get one smoke check.
+// field unchanged. Every encode buffer shorter than the encoding fails with -4.
 TEST(pbtools, NewAllocAndEncodeNeedRoom)
 {
-    EXPECT_STREQ(pbtools_error_code_to_string(-PBTOOLS_LENGTH_DELIMITED_OVERFLOW), "Length delimited overflow");
-    EXPECT_STREQ(pbtools_error_code_to_string(INT32_MIN), "Unknown error");
     alignas(8) uint8_t area[16 + sizeof(req_command_message_t)];
     EXPECT_EQ(pbtools_heap_new(area, 15), nullptr);
     EXPECT_EQ(req_command_message_new(area, sizeof(area) - 1), nullptr);
@@ -159,35 +156,6 @@ TEST(pbtools, NewAllocAndEncodeNeedRoom)
     }
     ASSERT_EQ(req_command_message_encode(m, buf, sizeof(buf)), 7);
     EXPECT_EQ(bytes_t(buf, buf + 7), (bytes_t{0x0A, 2, 'e', '1', 0x50, 0xE8, 0x07}));
-}
-
-// The primitive writers (no message uses them; one smoke test) put fields in call order at the
-// buffer start; the _always writers keep defaults, the plain ones drop them; a buffer one
-// byte short fails with -4.
-TEST(pbtools, EncoderPrimitivesWriteInCallOrder)
-{
-    const pbtools_bytes_t bytes = {const_cast<uint8_t *>(reinterpret_cast<const uint8_t *>("xyz")), 3};
-    const pbtools_bytes_t no_bytes = {nullptr, 0};
-    auto write_all = [&](uint8_t *buf, size_t size) {
-        pbtools_encoder_t enc;
-        pbtools_encoder_init(&enc, buf, size);
-        pbtools_encoder_write_int32(&enc, 1, -1);
-        pbtools_encoder_write_uint32(&enc, 2, 0);
-        pbtools_encoder_write_uint32_always(&enc, 3, 0);
-        pbtools_encoder_write_string(&enc, 4, "");
-        pbtools_encoder_write_string_always(&enc, 5, nullptr);
-        pbtools_encoder_write_bytes(&enc, 6, &no_bytes);
-        pbtools_encoder_write_bytes(&enc, 2000, &bytes);
-        pbtools_encoder_write_int64_always(&enc, 7, 0);
-        pbtools_encoder_write_uint64(&enc, 8, 300);
-        return pbtools_encoder_get_result(&enc);
-    };
-    const bytes_t expected = {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x18, 0,
-                              0x2A, 0,    0x82, 0x7D, 3,    'x',  'y',  'z',  0x38, 0,    0x40, 0xAC, 0x02};
-    bytes_t buf(expected.size());
-    ASSERT_EQ(write_all(buf.data(), buf.size()), static_cast<int>(expected.size()));
-    EXPECT_EQ(buf, expected);
-    EXPECT_EQ(write_all(buf.data(), buf.size() - 1), -PBTOOLS_ENCODE_BUFFER_FULL);
 }
 
 // Decodes into a record of a workspace of ws_size bytes.

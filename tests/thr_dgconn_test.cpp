@@ -136,35 +136,4 @@ TEST(DGConnection, WriteBoundsTheWholePacket)
     close(fds[1]);
 }
 
-TEST(DGConnection, ConnectsToAListenerAndRefusesAClosedPort)
-{
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(address);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&address), &len), 0);
-    const int port = ntohs(address.sin_port);
-
-    int sock = ConnectDGServer(address.sin_addr.s_addr, port);
-    ASSERT_GT(sock, 0);
-    linger lin{};
-    socklen_t lin_len = sizeof(lin);
-    ASSERT_EQ(getsockopt(sock, SOL_SOCKET, SO_LINGER, &lin, &lin_len), 0);
-    EXPECT_EQ(lin.l_onoff, 1);
-    EXPECT_EQ(lin.l_linger, DG_LINGER_SECONDS);
-    EXPECT_EQ(fcntl(sock, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << "scripts must not inherit the DG socket";
-    g_dg_is_connection.store(1);
-    DisconnectDGServer(sock);
-    EXPECT_EQ(g_dg_is_connection.load(), 0);
-    EXPECT_EQ(fcntl(sock, F_GETFD), -1) << "closed";
-
-    close(listener); // nothing listens on the port now
-    EXPECT_LT(ConnectDGServer(address.sin_addr.s_addr, port), 0);
-    EXPECT_EQ(Write(-1, "x", 1, 0), 1) << "a negative socket reports the length unwritten";
-}
-
 } // namespace

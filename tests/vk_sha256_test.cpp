@@ -1,12 +1,9 @@
-// SHA-256 against the published test vectors and against sha256sum, fed in one piece and in
-// pieces that straddle block boundaries, with both block functions.
+// SHA-256 against the published test vectors with both block functions, fed in one piece and
+// in pieces across block edges; the two functions agree on other data too. (The patch scenario
+// compares a received file's digest with sha256sum.)
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <memory>
 #include <string>
 
 #include "vk_sha256.h"
@@ -27,22 +24,9 @@ std::string hex_of(const std::string &data, size_t piece)
     return hex;
 }
 
-std::string sha256sum(const std::string &data)
+TEST(VkSha256, KnownVectorsInAnyPiecesWithBothBlockFunctions)
 {
-    char path[] = "/tmp/vk_sha256.XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
-    close(fd);
-    std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(("sha256sum " + std::string(path)).c_str(), "r"), pclose);
-    char out[65] = {};
-    EXPECT_EQ(fread(out, 1, 64, pipe.get()), 64u);
-    unlink(path);
-    return out;
-}
-
-TEST(VkSha256, KnownVectorsAndSha256sumInAnyPieces)
-{
-    struct {
+    const struct {
         std::string data, hex;
     } vectors[] = {
         {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
@@ -54,15 +38,16 @@ TEST(VkSha256, KnownVectorsAndSha256sumInAnyPieces)
     std::string random(200003, '\0');
     for (size_t i = 0; i < random.size(); i++)
         random[i] = static_cast<char>((i * 2654435761u) >> 13);
-    const std::string random_sum = sha256sum(random);
+    vk_sha256_use_portable(true);
+    const std::string random_hex = hex_of(random, random.size());
     for (bool portable : {false, true}) {
         vk_sha256_use_portable(portable);
         for (const auto &v : vectors)
             for (size_t piece : {size_t{1000000}, size_t{1}, size_t{63}, size_t{65}}) {
                 EXPECT_EQ(hex_of(v.data, piece), v.hex) << "portable " << portable << " piece " << piece;
             }
-        for (size_t piece : {size_t{7}, size_t{64}, size_t{65536}, random.size()})
-            EXPECT_EQ(hex_of(random, piece), random_sum) << "portable " << portable << " piece " << piece;
+        for (size_t piece : {size_t{7}, size_t{64}, size_t{65536}})
+            EXPECT_EQ(hex_of(random, piece), random_hex) << "portable " << portable << " piece " << piece;
     }
     vk_sha256_use_portable(false);
 }

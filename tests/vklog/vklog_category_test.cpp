@@ -72,17 +72,6 @@ TEST_F(VklogCategory, AgentStartRefreshAndEnd)
     EXPECT_TRUE(testing::internal::GetCapturedStdout().ends_with("][TRAC]to stdout\n"));
 }
 
-TEST_F(VklogCategory, TableHoldsTwelveCategories)
-{
-    int err = 0;
-    for (int i = 0; i < 12; i++)
-        ASSERT_EQ(vklog_initialize_with_default_config(("cat" + std::to_string(i)).c_str(), &err), 0) << i;
-    vklog_config_t *c = vklog_config_new_from_preset(VKLOG_CFG_PRESET_DEFAULT);
-    EXPECT_EQ(vklog_apply_config(vt::configure(c, {{VKLOG_CFG_TYPE_NAME, "thirteenth"}}), &err), -2); // freed
-    EXPECT_EQ(err, -2);
-    EXPECT_EQ(vklog_get_category("thirteenth"), nullptr);
-}
-
 TEST_F(VklogCategory, EnvironmentSwitchSilencesOnlyOnExactTrue)
 {
     int err = 0;
