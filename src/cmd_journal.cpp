@@ -166,7 +166,7 @@ void save_locked()
     }
     char path[VK_PATH_SIZE + 32];
     journal_path(path);
-    if (vk_write_file_atomic(path, b.data, b.len, 0600) == 0) {
+    if (vk_write_file_atomic(path, b.data, b.len, 0600, false) == 0) {
         s_write_failed = false;
         return;
     }

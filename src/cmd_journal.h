@@ -5,7 +5,8 @@
 // final result when the command ends, and goes once that done result has been written to the
 // DG socket (or when the command ends without one: a failed or cancelled transfer, a queued
 // command cancelled by a stop, a ring slot overwritten). Every change rewrites the file
-// through a temporary file, a sync and a rename; a write that fails costs a log line only.
+// through a temporary file and a rename (not synced: a kill or crash of the agent loses no
+// record); a write that fails costs a log line only.
 // Safe from any thread.
 #pragma once
 

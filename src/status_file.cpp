@@ -205,7 +205,7 @@ void build_metrics(const snapshot_t &s, text_buffer &b)
     metric(b, "boot_time_seconds", "gauge", "When the agent started, seconds since the epoch.");
     b.add("quil_manager_boot_time_seconds %.0f\n", seconds(g_agent_boot_time));
     metric(b, "connected", "gauge", "1 while a handshaken connection to the DG exists.");
-    b.add("quil_manager_connected %d\n", s.conn.connected != 0 && s.state[0] == 'c' ? 1 : 0);
+    b.add("quil_manager_connected %d\n", strcmp(s.state, "connected") == 0 ? 1 : 0);
     metric(b, "connection_state_since_seconds", "gauge", "When the connection state last changed.");
     b.add("quil_manager_connection_state_since_seconds %.0f\n", seconds(s.conn.since_ms));
     metric(b, "last_handshake_seconds", "gauge", "The last successful handshake, 0 before the first.");
@@ -242,7 +242,7 @@ void build_metrics(const snapshot_t &s, text_buffer &b)
 // write succeeds again.
 void write_out(const char *path, const char *data, size_t size)
 {
-    if (vk_write_file_atomic(path, data, size, 0644) == 0) {
+    if (vk_write_file_atomic(path, data, size, 0644, false) == 0) {
         s_write_failed = false;
         return;
     }

@@ -63,7 +63,7 @@ int refuse(int fd, int err)
 
 } // namespace
 
-int vk_write_file_atomic(const char *path, const void *data, size_t size, mode_t mode)
+int vk_write_file_atomic(const char *path, const void *data, size_t size, mode_t mode, bool sync)
 {
     if (path == nullptr || (data == nullptr && size > 0)) {
         errno = EINVAL;
@@ -89,7 +89,7 @@ int vk_write_file_atomic(const char *path, const void *data, size_t size, mode_t
         else
             done += static_cast<size_t>(n);
     }
-    if (err == 0 && fsync(fd) != 0)
+    if (err == 0 && sync && fsync(fd) != 0)
         err = errno;
     if (close(fd) != 0 && err == 0)
         err = errno;

@@ -11,11 +11,14 @@
 #include <sys/types.h>
 
 // Writes size bytes of data to "<path>.tmp" (created afresh as vk_create_file_fresh does, but
-// with `mode` less the umask), flushes it to disk and renames it over path. Returns 0; -1
+// with `mode` less the umask), flushes it to disk (unless `sync` is false: files rewritten
+// often, whose loss in a power cut costs little, skip the flush; the rename still keeps a
+// reader or a crash of the process from ever seeing half a file) and renames it over path. Returns 0; -1
 // null argument or a path too long; -2 the temporary file cannot be created; -3 writing or
 // flushing failed; -4 the rename failed. On failure path is untouched, the temporary file
 // removed and errno says why.
-[[nodiscard]] int vk_write_file_atomic(const char *path, const void *data, size_t size, mode_t mode);
+[[nodiscard]] int vk_write_file_atomic(const char *path, const void *data, size_t size, mode_t mode,
+                                       bool sync = true);
 
 // Creates path afresh for writing: whatever was there (a file, a planted symbolic link, which
 // is reported at ERROR) is unlinked first, then the file is created exclusively without
