@@ -140,6 +140,8 @@ void vk_sha256_init(vk_sha256_t *ctx)
 
 void vk_sha256_update(vk_sha256_t *ctx, const void *data, size_t size)
 {
+    if (size == 0)
+        return; // data may be null then
     auto *p = static_cast<const uint8_t *>(data);
     ctx->length += size;
     if (ctx->block_len > 0) {

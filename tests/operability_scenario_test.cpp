@@ -132,7 +132,7 @@ bool metric_line_ok(const std::string &line)
 TEST_F(Operability, StatusAndMetricsFilesFollowTheAgent)
 {
     const std::string status = manager + "/data/status.json", metrics = home + "/metrics.prom";
-    sample_agent("sleep 4; echo vkSuccess");
+    sample_agent("sleep 8; echo vkSuccess"); // long enough to be seen running
     start_sim();
     start_agent({"MGR_METRICS_TEXTFILE=" + metrics});
     // A reader that parses the file whenever it looks: never half a file.
@@ -158,7 +158,7 @@ TEST_F(Operability, StatusAndMetricsFilesFollowTheAgent)
     ASSERT_TRUE(sim->command("restart" + request_args("r1")));
     EXPECT_TRUE(has(R"({"execution_id":"r1","type":"agent_restart","agent_id":")" + k_agent_id +
                         R"(","phase":"running")",
-                    5s));
+                    15s)) << "taken at the command thread's next 5 s step";
 
     std::string patch = home + "/p.bin", bytes;
     for (int i = 0; i < 3000; i++)
