@@ -97,9 +97,10 @@ TEST_F(Journal, ADamagedJournalIsSetAside)
     for (const auto &c : cases) {
         write_file(victim, "keep");
         write_file(manager + "/data/cmd_journal", c.text);
+        const size_t mark = sim->mark();
         start_agent();
         EXPECT_TRUE(log_has("/data/cmd_journal is damaged")) << c.name;
-        EXPECT_TRUE(ping_answered()) << c.name;
+        EXPECT_TRUE(sim->wait_for(sent_of(50036), 20s, mark) && ping_answered()) << c.name;
         EXPECT_EQ(read_file(manager + "/data/cmd_journal.damaged"), c.text) << c.name;
         EXPECT_EQ(read_file(victim), "keep") << c.name;
         kill(agent, SIGTERM);
