@@ -5,6 +5,7 @@
 #include <cstring>
 
 #if defined(__x86_64__)
+#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -113,8 +114,11 @@ using blocks_fn = void (*)(uint32_t *, const uint8_t *, size_t);
 blocks_fn choose_blocks()
 {
 #if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("sha") && __builtin_cpu_supports("sse4.1"))
+    // CPUID leaf 7 EBX bit 29: the SHA extensions; leaf 1 ECX bit 19: SSE4.1 (with SSSE3).
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    const bool sse41 = __get_cpuid(1, &a, &b, &c, &d) != 0 && (c & (1u << 19)) != 0 && (c & (1u << 9)) != 0;
+    const bool sha = __get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 && (b & (1u << 29)) != 0;
+    if (sha && sse41)
         return blocks_shani;
 #endif
     return blocks_portable;
