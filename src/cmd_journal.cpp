@@ -74,6 +74,16 @@ bool set_text(journal_rec_t *r, std::string_view text)
     return true;
 }
 
+// The ids and type a done result carries, from a command record.
+void copy_ids(journal_answer_t *out, const cmd_info_t &in)
+{
+    vk_strlcpy(out->execution_id, in.execution_id);
+    vk_strlcpy(out->command_id, in.command_id);
+    vk_strlcpy(out->agent_id, in.agent_id);
+    out->cmd_type = in.cmd_type;
+    out->agent_type = in.agent_type;
+}
+
 const char *text_of(const journal_rec_t &r)
 {
     return r.done && r.answer.result_message != nullptr ? r.answer.result_message : "";
@@ -352,11 +362,7 @@ void cmd_journal_accept(const cmd_info_t *record, const char *part_path)
     clear_rec(r);
     r->used = true;
     vk_strlcpy(r->key, record->execution_id);
-    vk_strlcpy(r->answer.execution_id, record->execution_id);
-    vk_strlcpy(r->answer.command_id, record->command_id);
-    vk_strlcpy(r->answer.agent_id, record->agent_id);
-    r->answer.cmd_type = record->cmd_type;
-    r->answer.agent_type = record->agent_type;
+    copy_ids(&r->answer, *record);
     vk_strlcpy(r->part_path, part_path != nullptr ? part_path : "");
     save_locked();
 }
@@ -372,11 +378,7 @@ void cmd_journal_done(const char *key, const cmd_info_t *answer)
         return;
     }
     r->done = true;
-    vk_strlcpy(r->answer.execution_id, answer->execution_id);
-    vk_strlcpy(r->answer.command_id, answer->command_id);
-    vk_strlcpy(r->answer.agent_id, answer->agent_id);
-    r->answer.cmd_type = answer->cmd_type;
-    r->answer.agent_type = answer->agent_type;
+    copy_ids(&r->answer, *answer);
     r->answer.result = answer->result;
     r->part_path[0] = '\0';
     save_locked();

@@ -327,13 +327,9 @@ int main(int argc, char **argv)
         exit(0);
     }
     VKLOG_NOTICE(g_vklog.load(), "g_vk_manager_home[%s]\n", g_vk_manager_home);
+    // A bad setting ends the start with one line naming it, on standard error and in the log.
     char refusal[512];
-    if (dg_tls_init(refusal, sizeof(refusal)) != 0) {
-        fprintf(stderr, "%s\n", refusal);
-        VKLOG_ERROR(g_vklog.load(), "%s\n", refusal);
-        exit(0);
-    }
-    if (status_file_init(refusal, sizeof(refusal)) != 0) {
+    if (dg_tls_init(refusal, sizeof(refusal)) != 0 || status_file_init(refusal, sizeof(refusal)) != 0) {
         fprintf(stderr, "%s\n", refusal);
         VKLOG_ERROR(g_vklog.load(), "%s\n", refusal);
         exit(0);

@@ -1,8 +1,9 @@
 // thr_command: the command thread and the execution of queued commands.
 #include "thr_command.h"
 
-#include <cstdio>
 #include <pthread.h>
+
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string_view>
