@@ -1,4 +1,5 @@
-// The bounds of the host id's hex-appending step and of the user-name lookup.
+// The host-identity helpers (nothing in the agent calls them: one smoke test), and the bounds
+// of the host id's hex-appending step and of the user-name lookup.
 #include "hostinfo.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +14,21 @@
 namespace
 {
 
-TEST(HostInfo, HostIdDigitsAndUserNamesAreBounded)
+TEST(HostInfo, SmokeAndBounds)
 {
+    std::unique_ptr<char, decltype(&free)> id(getUNIXHostID(), free), key(getHostKey(), free),
+        name(getOSMHostName(), free);
+    ASSERT_TRUE(id && key && name);
+    EXPECT_NE(std::string(id.get()).find("000000000000"), std::string::npos) << "the loopback";
+    EXPECT_STREQ(key.get(), id.get());
+    char host[64] = {};
+    ASSERT_EQ(gethostname(host, sizeof(host) - 1), 0);
+    EXPECT_STREQ(name.get(), host);
+    char text[] = ".a.b..c.";
+    EXPECT_EQ(getCntOfChr(text, '.'), 5);
+    removeChar(text, '.');
+    EXPECT_STREQ(text, "abc");
+
     // 22 six-byte addresses need 264 digits: only 127 whole bytes fit in 256.
     char hex[HOST_ID_SIZE] = {};
     const unsigned char mac[6] = {0xAB, 0x01, 0xFF, 0x00, 0x9c, 0x10};

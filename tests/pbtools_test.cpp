@@ -1,7 +1,5 @@
-// Tests of the codec runtime (workspace heap, encoder limits, corrupt, truncated and unexpected
-// input, each with its exact error code) and of the fifteen DG messages, cross-checked against
-// libprotobuf (dg_protocol.proto) both ways with every field at its extremes, empty items and
-// sub-messages, and map entries with empty keys or values.
+// The codec runtime (heap, encoder limits, bad input with its exact codes) and the fifteen DG
+// messages, cross-checked against libprotobuf (dg_protocol.proto) both ways.
 #include "pbtools.h"
 
 #include "command.h"
@@ -158,6 +156,35 @@ TEST(pbtools, NewAllocAndEncodeNeedRoom)
     EXPECT_EQ(bytes_t(buf, buf + 7), (bytes_t{0x0A, 2, 'e', '1', 0x50, 0xE8, 0x07}));
 }
 
+// Smoke test of the primitive writers and error texts, which nothing in the agent uses: the
+// _always writers keep defaults, the plain ones drop them; one byte short fails with -4.
+TEST(pbtools, EncoderPrimitivesSmoke)
+{
+    EXPECT_STREQ(pbtools_error_code_to_string(-PBTOOLS_LENGTH_DELIMITED_OVERFLOW), "Length delimited overflow");
+    EXPECT_STREQ(pbtools_error_code_to_string(INT32_MIN), "Unknown error");
+    const pbtools_bytes_t bytes = {const_cast<uint8_t *>(reinterpret_cast<const uint8_t *>("xyz")), 3}, none = {};
+    auto write_all = [&](uint8_t *buf, size_t size) {
+        pbtools_encoder_t enc;
+        pbtools_encoder_init(&enc, buf, size);
+        pbtools_encoder_write_int32(&enc, 1, -1);
+        pbtools_encoder_write_uint32(&enc, 2, 0);
+        pbtools_encoder_write_uint32_always(&enc, 3, 0);
+        pbtools_encoder_write_string(&enc, 4, "");
+        pbtools_encoder_write_string_always(&enc, 5, nullptr);
+        pbtools_encoder_write_bytes(&enc, 6, &none);
+        pbtools_encoder_write_bytes(&enc, 2000, &bytes);
+        pbtools_encoder_write_int64_always(&enc, 7, 0);
+        pbtools_encoder_write_uint64(&enc, 8, 300);
+        return pbtools_encoder_get_result(&enc);
+    };
+    const bytes_t expected = {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x18, 0,
+                              0x2A, 0,    0x82, 0x7D, 3,    'x',  'y',  'z',  0x38, 0,    0x40, 0xAC, 0x02};
+    bytes_t buf(expected.size());
+    ASSERT_EQ(write_all(buf.data(), buf.size()), static_cast<int>(expected.size()));
+    EXPECT_EQ(buf, expected);
+    EXPECT_EQ(write_all(buf.data(), buf.size() - 1), -PBTOOLS_ENCODE_BUFFER_FULL);
+}
+
 // Decodes into a record of a workspace of ws_size bytes.
 int decode_command(const bytes_t &data, req_command_message_t **m_pp = nullptr, size_t ws_size = 65536)
 {
@@ -290,9 +317,8 @@ TEST(pbtools, WorkspaceTooSmall)
     EXPECT_EQ(decode_command(data, &m, 16 + sizeof(req_command_message_t) + 9215), -PBTOOLS_OUT_OF_MEMORY);
 }
 
-// The agent decodes each packet into a fresh workspace; repeated decodes into one record
-// get a smoke test: 20 rounds in a workspace that holds only a few if each gave back the
-// heap of the one before.
+// Repeated decodes into one record (the agent uses a fresh workspace per packet): 20 rounds fit
+// a workspace that holds only a few, so each gives back the heap of the one before.
 TEST(pbtools, DecodingAgainReusesTheWorkspace)
 {
     bytes_t data = k_command + bytes_t{0x3A, 0xE8, 0x07} + bytes_t(1000, 't') + bytes_t{0x62, 3, 0x0A, 1, 'f'};

@@ -1,11 +1,12 @@
-// Tests of vk_comm: packet building, both NIO readers over a socketpair, the socket wait, the
-// name lookup, and one smoke test of the interface-only helpers (OIO framing, the address
-// conversions, the interface list). Only socketpairs and loopback names are used.
+// vk_comm over socketpairs and loopback names: packet building, both NIO readers, the socket
+// wait, and one smoke test of the interface-only helpers.
 #include "vk_comm.h"
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -207,4 +208,51 @@ TEST(VkCommWait, WaitHandsPacketsToTheCallbackAndFoldsFailures)
     const int closed_fd = dup(sp.local);
     close(closed_fd);
     EXPECT_EQ(processing_socket_dynamic(closed_fd, 1, 0, nullptr, nullptr), -98);
+}
+
+// One smoke test of the helpers nothing in the agent calls: OIO framing and reading, the
+// expected-packet reader, the address conversion, the interface check and list, the close.
+TEST(VkCommInterfaceOnly, Smoke)
+{
+    char *packet = nullptr;
+    ASSERT_EQ(wrap_packet_oio_header(&packet, "hello", 5, 0x1234), 8);
+    EXPECT_EQ(std::string(packet, 8), "\xFF\x12\x34hello");
+    EXPECT_EQ(is_nio_header(packet), 0);
+    std::free(packet);
+    socket_pair sp;
+    seen_calls = 0;
+    sp.send_all(bytes{0xFF, 0x12, 0x34, 0xF9, 0xF2, 0xF8} + nio_valid(4, 1));
+    EXPECT_EQ(processing_socket(sp.local, 0, 1, record_packet, nullptr), 77);
+    EXPECT_EQ(seen_head, (bytes{0xFF, 0x12, 0x34}));
+    char buffer[8];
+    EXPECT_EQ(get_oio_packet(sp.local, buffer, sizeof(buffer)), -2); // the NIO magic is refused
+    int marker = 1; // the second argument reaches the callback
+    auto add_marker = [](char *p, void *, void *marker_p) { return record_packet(p, nullptr) + *static_cast<int *>(marker_p); };
+    EXPECT_EQ(receive_expected_nio_packet(sp.local, add_marker, nullptr, &marker), 78);
+
+    uint8_t out[18];
+    ASSERT_EQ(convert_ip_str_to_addr("[::1]:80", 8, out, sizeof(out)), 18);
+    EXPECT_EQ(bytes(out, out + 18), (bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 80}));
+    ASSERT_EQ(convert_ip_str_to_addr("10.0.0.1:-1", 11, out, sizeof(out)), 6); // low 16 bits of the port
+    EXPECT_EQ(bytes(out, out + 6), (bytes{10, 0, 0, 1, 0xFF, 0xFF}));
+    EXPECT_EQ(convert_ip_str_to_addr("10.0.0.1:8x", 11, out, sizeof(out)), -4);
+
+    ifreq r{};
+    std::strncpy(r.ifr_name, "eth2", IFNAMSIZ - 1);
+    r.ifr_addr.sa_family = AF_INET;
+    inet_pton(AF_INET, "10.1.2.3", &reinterpret_cast<sockaddr_in *>(&r.ifr_addr)->sin_addr);
+    EXPECT_EQ(CheckIPAddr(&r), 0);
+    std::strncpy(r.ifr_name, "lo", IFNAMSIZ - 1);
+    EXPECT_EQ(CheckIPAddr(&r), -1);
+    vk_ip_info_list list{};
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(get_ip_info(&list), 0);
+    EXPECT_EQ(vk_close_socket_debug(sp.local, "thr_DGConn"), 0);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    ASSERT_GE(list.count, 1); // at least the loopback interface
+    EXPECT_EQ(printed.find(std::string("[0]name: ") + list.list[0].name + ", ip: " + list.list[0].ip + "\n"), 0u);
+    EXPECT_TRUE(printed.ends_with("[close_socket] sock[" + std::to_string(sp.local) + "],function[thr_DGConn]\n"));
+    std::free(list.list);
+    EXPECT_EQ(fcntl(sp.local, F_GETFD), -1);
+    sp.local = -1;
 }

@@ -71,4 +71,26 @@ TEST(VkList, QueueOrderAndMoveBulkOverwritesTheTarget)
     clean_vklist(from.get(), release);
 }
 
+TEST(VkList, UnusedOperationsSmoke)
+{
+    list_ptr list(create_vklist());
+    std::vector<int *> data;
+    for (int i = 0; i < 5; i++)
+        push_front_vklist(list.get(), data.emplace_back(boxed(i))); // 4 3 2 1 0
+    EXPECT_EQ(*static_cast<int *>(find_index_vklist(list.get(), 1)), 3);
+    EXPECT_EQ(find_index_vklist(list.get(), 5), nullptr);
+    vknode_t *cursor = back_node_vklist(list.get());
+    EXPECT_EQ(*static_cast<int *>(prev_node_data_vklist(&cursor)), 0);
+    s_released.clear();
+    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), 0);
+    EXPECT_EQ(remove_with_item_ptr_vklist(list.get(), data[2], release), -1); // already gone
+    EXPECT_EQ(remove_node_vklist(list.get(), front_node_vklist(list.get()), release), 0);
+    std::unique_ptr<int, decltype(&free)> back(static_cast<int *>(pop_back_vklist(list.get())), free);
+    EXPECT_EQ(*back, 0);
+    EXPECT_EQ(values(list.get()), (std::vector<int>{3, 1}));
+    EXPECT_EQ(*static_cast<int *>(front_vklist(list.get())) * 10 + *static_cast<int *>(back_vklist(list.get())), 31);
+    EXPECT_EQ(s_released, (std::vector<int>{2, 4}));
+    clean_vklist(list.get(), release);
+}
+
 } // namespace
