@@ -1,10 +1,10 @@
-// Shared fixture of the unit tests that need the agent's start-up state without starting
-// the agent: a private installation home <tmp>/manager/{data,tmp,log}, g_vk_manager_home set
-// to it, the option table bootstrapped and the log written at TRACE into
-// <manager>/log/quil-manager-agent.log, so tests can read what a unit logged.
+// Fixtures of the unit tests that need the agent's start-up state without starting it: a private
+// home <tmp>/manager/{data,tmp,log}, the option table bootstrapped, the log at TRACE.
 #pragma once
 
+#include "command_handler.h"
 #include "daemon_support.h"
+#include "dg_capture.h"
 #include "global_var.h"
 #include "thr_dgconn.h"
 #include "pub_conf.h"
@@ -58,6 +58,25 @@ class AgentHomeTest : public ::testing::Test
     temp_dir dir{"agent_home_test"};
     std::string home = dir.path;
     std::string manager = dir.path + "/manager";
+};
+
+// The command units' fixture: a fake DG published as the connection, and a patch map that is
+// fresh for each test and freed (with what a test left in it) after it.
+class CommandHomeTest : public AgentHomeTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentHomeTest::SetUp();
+        dg.publish();
+        ASSERT_EQ(init_chunk_hash(), 0);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(init_chunk_hash(), 0);
+        AgentHomeTest::TearDown();
+    }
+    dg_capture::fake_dg dg;
 };
 
 } // namespace agent_home

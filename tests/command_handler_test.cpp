@@ -1,14 +1,11 @@
-// Tests of command intake and patch transfer, driven through the dispatcher with requests
-// built by Google's protobuf library: every acknowledgement text with its result and phase,
-// the ring and its overwrite rule, chunk order and checks, patch_stop in each state, and
-// hostile file names and chunk sizes.
+// Command intake and patch transfer, driven through the dispatcher with requests built by
+// Google's protobuf library.
 #include "command_handler.h"
 
 #include <sys/stat.h>
 
 #include "agent_home.h"
 #include "command_util.h"
-#include "dg_capture.h"
 #include "on_demand.h"
 #include "vk_time.h"
 
@@ -18,24 +15,12 @@ namespace
 {
 
 using dg_capture::dg_packet;
-using dg_capture::fake_dg;
 
 const char *const k_agent = "0b6f2d7e-5c1a-4e8f-9d3b-7a2c4e6f8a10";
 
-class CommandIntake : public agent_home::AgentHomeTest
+class CommandIntake : public agent_home::CommandHomeTest
 {
   protected:
-    void SetUp() override
-    {
-        agent_home::AgentHomeTest::SetUp();
-        dg.publish();
-        ASSERT_EQ(init_chunk_hash(), 0);
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(init_chunk_hash(), 0); // frees what a test left in the map
-        agent_home::AgentHomeTest::TearDown();
-    }
 
     static dg::req_command_message request(int cmd_type, const std::string &exec, const std::string &agent = k_agent)
     {
@@ -97,7 +82,6 @@ class CommandIntake : public agent_home::AgentHomeTest
     }
     std::string tmp(const std::string &name) { return manager + "/tmp/" + name; }
 
-    fake_dg dg;
 };
 
 // The agent_restart acknowledgement and a request with 1,000 options are the scenario tests'.
@@ -127,8 +111,6 @@ TEST_F(CommandIntake, CommandsAreAcknowledgedAndQueuedInARingOfHundred)
     EXPECT_EQ(log_count("command buffer full. overwrite old command. new start_idx[1] end_idx[1]"), 1u);
 }
 
-// The file's bytes and mode and a late chunk are the scenario tests'; here a second
-// patch_start and a chunk of another execution during the transfer, and the options kept.
 // The decoder is sized from the request: any number of options decodes and is answered.
 TEST_F(CommandIntake, RequestsWithManyOptionsDecode)
 {

@@ -1,6 +1,4 @@
-// Tests of the script runner run_script: command lines by run type and prefix, the keyword
-// verdict, the output cap, time-out and stop (the whole process group ends), and what a
-// script inherits from the agent. Scripts are small shell files in a private home.
+// The script runner run_script, with small shell scripts in a private home.
 #include "command_util.h"
 
 #include "agent_home.h"
@@ -115,8 +113,7 @@ TEST_F(RunScriptTest, KeywordsOfTheKeptOutputOfThisRunDecide)
 }
 
 // A shell that ignores SIGTERM is killed after the grace; one whose output ended while it
-// lingers is ended at the time-out and its verdict stands. (A TERM trap running through the
-// grace, a waited-for child ending with the script and a stop request are the scenario tests'.)
+// lingers is ended at the time-out and its verdict stands.
 TEST_F(RunScriptTest, TimeOutEndsTheWholeProcessGroup)
 {
     const std::string pid_file = run_path + "/pids";

@@ -1,6 +1,5 @@
-// Tests of the option table: presets and readers, the file format (comments, unknown names,
-// lines without "=", values with "="), reload on mtime change, the update rule, save through
-// "<path>.tmp", and a smoke test of the interface-only serialised form.
+// The option table: presets and readers, the file format, reload on mtime change and save
+// through "<path>.tmp".
 #include "configure.h"
 
 #include "daemon_support.h"

@@ -1,7 +1,5 @@
-// Scenario tests of the real quil-manager-agent binary (QUIL_AGENT_BIN). Each test runs it in
-// its own temporary installation home, so tests may run in parallel; waits poll with generous
-// time-outs, and every agent a test starts (the detached one and any agent named by the
-// home's pid file included) is killed on the way out if still alive.
+// The real quil-manager-agent binary (QUIL_AGENT_BIN), each test in its own installation home;
+// every agent a test starts (the pid file's included) is killed on the way out if still alive.
 #include "daemon_support.h"
 #include "version.h"
 
@@ -186,9 +184,8 @@ TEST_F(DaemonScenario, FirstStartSecondInstanceSignalsRestartAndPidFileStop)
     EXPECT_TRUE(contains(out("again"), "[exit_handler] terminated.\n"));
 }
 
-// A fault acts at once in the handler: its line, the breadcrumbs, and exit status 0 through
-// exit_handler. The fault path frees the logging library in signal context on its way out; a
-// thread-sanitized agent would report that and end with its own status.
+// A fault: its line, the breadcrumbs and exit status 0 through exit_handler (which frees the log
+// in signal context: a thread-sanitized agent would report that and end with its own status).
 TEST_F(DaemonScenario, FaultSignalLogsDumpAndExitsZero)
 {
 #if defined(__SANITIZE_THREAD__)

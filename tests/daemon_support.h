@@ -1,6 +1,5 @@
-// Shared helpers of the daemon life-cycle and configuration tests: a private temporary
-// directory removed on the way out, whole-file reads and writes, polling with a time-out, and
-// the child processes of harness/child_process.h.
+// Shared helpers of the tests: a private temporary directory, whole-file reads and writes,
+// polling with a time-out, and the child processes of harness/child_process.h.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,8 +1,5 @@
-// Shared by the unit tests of the connection and command units: a fake DG connection. The
-// agent's end of a socketpair is published as the connected DG socket; what the agent
-// writes (directly or through the send queue) is read back from the other end, unframed by
-// the DG side's wire library (dg_wire) and decoded with Google's protobuf library (the
-// reference schema), never the agent's code.
+// A fake DG connection for the unit tests: the agent's end of a socketpair is the connected DG
+// socket; what arrives at the other end is unframed by dg_wire and decoded with libprotobuf.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// Shared by the scenario tests: a private installation home, quil-dg-sim and the real agent
-// pointed at it, the agent's log, and a sample target agent whose scripts record their order.
-// The agent's standard error is checked for sanitizer reports when a scenario ends.
+// Shared by the scenario tests: a private home, quil-dg-sim and the real agent pointed at it,
+// and a sample target agent; sanitizer reports on the agent's standard error fail a scenario.
 #pragma once
 
 #include <gtest/gtest.h>

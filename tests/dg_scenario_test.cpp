@@ -1,7 +1,5 @@
-// Scenarios with the real agent in front of quil-dg-sim over loopback: the handshake and the
-// stored manager id, time sync, pings and timezone, hostile peers and reconnection, and the
-// remote commands from intake through execution to the results the DG sees. The simulator
-// decodes with libprotobuf, so every scenario is also a wire-compatibility check.
+// The real agent in front of quil-dg-sim over loopback. The simulator decodes with libprotobuf,
+// so every scenario is also a wire-compatibility check.
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>
@@ -94,8 +92,7 @@ TEST_F(DgScenario, HandshakeTimeSyncPingTimezoneAndReconnectWithTheStoredId)
     ASSERT_EQ(again->size("body.custom_infos"), 1) << again->line();
     EXPECT_EQ(again->str("body.custom_infos.0.key"), "manager_id");
     EXPECT_EQ(again->str("body.custom_infos.0.value"), k_manager_id);
-    checked("10043 header and host fields, manager id file, ten time-sync exchanges and their trimmed mean, "
-            "ping answer, timezone offset of Asia/Seoul, unknown type logged, reconnect with the stored id");
+    checked("handshake and id file, ten time syncs and their mean, ping, timezone, unknown type, reconnect");
 }
 
 // A refused id is retried every 5 s; a DG that goes away gets three logged connect failures,
@@ -124,8 +121,7 @@ TEST_F(DgScenario, RefusedIdThenTheDgGoesAwayAndComesBack)
     EXPECT_LT(std::chrono::steady_clock::now() - back, 7s);
     EXPECT_TRUE(eventually([&] { return read_file(manager + "/data/manager_id") == k_manager_id + "\n"; }));
 
-    checked("refused id retried every 5 s; 3 logged connect failures then silence; reconnect after the DG's "
-            "return");
+    checked("refused id retried every 5 s; 3 logged connect failures then silence; reconnect on return");
 }
 
 // agent_restart and agent_stop from the DG: acknowledged at once, run by the command thread,
@@ -178,14 +174,12 @@ TEST_F(DgScenario, RestartStopTimeoutAndStopWhileRunning)
     std::string text = log();
     EXPECT_LT(text.find("[patch_command] [struct] install_username["), text.find("[patch_command] [proto ] [0] key["))
         << "option lines follow the request lines";
-    checked("restart and stop acknowledged and done with their output, script order, a script's TERM trap "
-            "running through its grace at a time-out and at a patch_stop");
+    checked("restart and stop with their output and order; the TERM trap's grace at a time-out and a stop");
 }
 
 // A 100 MiB patch in 64 KiB chunks arrives byte-identical with mode 0755 and runs: stop, the
 // patch program with the install information (options in request order), start; one done
-// result; then the agent takes a new patch_start. (Hostile names and a patch_stop during the
-// transfer are the intake unit tests'.)
+// result; then the agent takes a new patch_start.
 TEST_F(DgScenario, LargePatchArrivesWholeAndRuns)
 {
     sample_agent();
@@ -228,8 +222,7 @@ TEST_F(DgScenario, LargePatchArrivesWholeAndRuns)
     EXPECT_EQ(describe(sim->wait_for(recv_of(60002), 5s, from)),
               "1 [agent manager] Chunk file install Start (id.txt)")
         << "the finished patch freed the agent";
-    checked("100 MiB in 64 KiB chunks byte-identical with mode 0755, stop/setup/start with the install "
-            "information, the agent free for the next patch");
+    checked("100 MiB byte-identical with mode 0755, stop/setup/start with install information, next patch");
 }
 
 // A transfer that stalls past its time-out is collected at the next sweep, which frees the

@@ -1,6 +1,4 @@
-// Tests of the kstrtok tokenizer: the date split the version texts rely on (runs of
-// delimiters, the end staying the end), and a smoke test of the context pool no other caller
-// uses: saved positions per context, and a 33rd context sharing context 0.
+// The kstrtok tokenizer: the date split the version texts rely on.
 #include "etc.h"
 
 #include <gtest/gtest.h>

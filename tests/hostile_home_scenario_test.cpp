@@ -1,6 +1,4 @@
-// The real agent and quil-dg-sim on a tampered home: links and FIFOs in place of its files, an
-// id file that cannot be saved, a full disk (a file-size limit of 0: every write fails with
-// EFBIG), a loose data/config under root, a second agent, and id files that are not text.
+// The real agent and quil-dg-sim on a tampered home (links, FIFOs, a full disk, loose modes).
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>
@@ -51,9 +49,9 @@ class HostileHome : public DgScenario
     std::string data = manager + "/data/";
 };
 
-// Links at the pid file, config.tmp (first start), manager_id and the log file leave their
-// target unchanged and send none of its bytes. Id files are read through links, a FIFO among them is skipped
-// without hanging the command thread, a non-UTF-8 id is left out, and ids carry no line end.
+// Links at the pid file, config.tmp, manager_id and the log file leave their target unchanged
+// and send none of its bytes. Id files are read through links; a FIFO among them is skipped
+// without a hang, a non-UTF-8 id is left out, and ids carry no line end.
 TEST_F(HostileHome, LinksAreNotFollowedAndIdsAreText)
 {
     const std::string secret = home + "/secret", text = "SECRET-0123456789-abcdefghij-0123456789\n";
@@ -139,10 +137,9 @@ TEST_F(HostileHome, FifosAndAnUnsavableIdKeepTheConnection)
     })) << "saved at the next handshake";
 }
 
-// A root agent ignores a data/config that others may write, at start and at the re-read (the
-// other scenarios show a 0644 one taken). A second agent on a full disk meets the first one's
-// lock even when the pid record no longer names the first; an agent whose pid record cannot
-// be written does not start.
+// A root agent ignores a data/config others may write, at start and at the re-read. On a full
+// disk a second agent meets the first one's lock even when the pid record names another; an
+// agent whose pid record cannot be written does not start.
 TEST_F(HostileHome, LooseConfigUnderRootAndOneAgentPerHomeOnAFullDisk)
 {
     const std::string refused = "_config_file] file(" + data + "config) refused: owner uid 0, mode 0666";

@@ -1,6 +1,5 @@
-// Every accepted command is answered: commands interrupted by a SIGKILL are answered FAIL after
-// the next start (once), a done result that could not be sent is sent after the reconnect
-// (once), and a damaged journal is set aside without stopping the agent.
+// Every accepted command is answered once: after a SIGKILL, after a lost connection, and past a
+// damaged journal.
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>

@@ -1,14 +1,10 @@
-// Tests of the dispatcher's small exchanges beyond what the scenario tests show: the ping
-// answer written directly, the timezone offset taken at the epoch instant (a zone with
-// summer time), the manager id cut at 36 characters and kept whole when its file cannot be
-// written, and the time-sync mean of negative samples. Packets come from a fake DG over a
+// The dispatcher's small exchanges beyond what the scenario tests show, from a fake DG over a
 // socketpair.
 #include "on_demand.h"
 
 #include <sys/stat.h>
 
 #include "agent_home.h"
-#include "dg_capture.h"
 #include "pkt_proto/proto_send.h"
 #include "pub_func.h"
 
@@ -17,21 +13,15 @@ using daemon_support::read_file;
 namespace
 {
 
-class Dispatch : public agent_home::AgentHomeTest
+class Dispatch : public agent_home::CommandHomeTest
 {
   protected:
-    void SetUp() override
-    {
-        agent_home::AgentHomeTest::SetUp();
-        dg.publish();
-    }
     // Dispatches one DG packet of `type` as the connection thread would.
     int dispatch(int type, const std::string &body = "")
     {
         std::string packet = dg_capture::dg_packet(type, body);
         return read_msg_nio(packet.data(), &dg.agent);
     }
-    dg_capture::fake_dg dg;
 };
 
 TEST_F(Dispatch, PingAndTimezoneAnswers)

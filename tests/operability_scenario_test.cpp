@@ -1,6 +1,4 @@
-// The agent as the service manager and the host see it: readiness, status lines, the watchdog
-// (fed only while the worker threads live) and the stop on a notification socket; the status
-// file and the metrics file through a connection, a running command, a transfer and a digest.
+// The agent as the service manager and the host see it: notifications, status and metrics files.
 #ifdef QUIL_DG_SIM_BIN
 
 #include <gtest/gtest.h>

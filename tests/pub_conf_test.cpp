@@ -1,7 +1,5 @@
-// Tests of the configuration bootstrap: the properties preset table, the receiver address
-// (parser and set_dg_address; only literal addresses and "localhost"), and, in a private
-// installation home, the config file's values reaching the log and update_vklog re-applying
-// a changed table value.
+// The configuration bootstrap: the properties presets, the receiver address, and the config
+// file's values reaching the log in a private installation home.
 #include "pub_conf.h"
 
 #include "agent_home.h"

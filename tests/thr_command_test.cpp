@@ -1,15 +1,11 @@
-// Tests of command execution: the prefix template's refusals, and execute_command working off
-// the ring with real scripts where the scenario tests do not go (a failed stop, a type
-// without scripts, the prefix and the root rule), one "done" result each. Restart, stop and
-// a whole patch with its install information are the scenario tests' part.
+// Command execution off the ring with real scripts where the scenario tests do not go, one
+// "done" result each.
 #include "thr_command.h"
 
 #include <sys/stat.h>
 
 #include "agent_home.h"
-#include "command_handler.h"
 #include "command_util.h"
-#include "dg_capture.h"
 #include "on_demand.h"
 #include "vk_string.h"
 
@@ -19,7 +15,6 @@ using daemon_support::write_file;
 namespace
 {
 
-using dg_capture::fake_dg;
 
 const char *const k_agent = "7d1e5a3c-2b4f-4a6e-8c9d-0e1f2a3b4c5d";
 
@@ -40,14 +35,12 @@ TEST(ConvertEnvToCmd, TemplateCases)
     }
 }
 
-class Execute : public agent_home::AgentHomeTest
+class Execute : public agent_home::CommandHomeTest
 {
   protected:
     void SetUp() override
     {
-        agent_home::AgentHomeTest::SetUp();
-        dg.publish();
-        ASSERT_EQ(init_chunk_hash(), 0);
+        agent_home::CommandHomeTest::SetUp();
         run_path = dir.path + "/agent";
         ASSERT_EQ(mkdir(run_path.c_str(), 0755), 0);
         script("stop.sh", "echo stopping; echo vkSuccess");
@@ -55,11 +48,6 @@ class Execute : public agent_home::AgentHomeTest
         std::lock_guard<vklock_t> json(g_json_lock);
         g_json_prefix_option[0] = '\0';
         g_json_agent_count = 0;
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(init_chunk_hash(), 0); // frees what a test left in the map
-        agent_home::AgentHomeTest::TearDown();
     }
     void script(const std::string &name, const std::string &body)
     {
@@ -100,7 +88,6 @@ class Execute : public agent_home::AgentHomeTest
     std::string order() { return read_file(dir.path + "/order"); }
 
     std::string run_path;
-    fake_dg dg;
 };
 
 TEST_F(Execute, AFailedStopSkipsStartAndATypeWithoutScriptsFails)

@@ -1,6 +1,4 @@
-// Tests of the send queue and the connection helpers: what the queue accepts and drops, how
-// a failed write ends its batch, the once-per-errno error line, and connecting to a local
-// listener.
+// The send queue and the connection's write bound.
 #include "thr_dgconn.h"
 
 #include <arpa/inet.h>

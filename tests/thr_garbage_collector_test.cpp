@@ -1,11 +1,7 @@
-// Tests of the garbage collector's sweep: transfers past their time-out are removed (chained
-// items and bucket heads alike, while the map is walked), fresh ones stay, and the registry
-// reset empties every record.
+// The garbage collector's sweep and the registry reset.
 #include "thr_garbage_collector.h"
 
 #include "agent_home.h"
-#include "command_handler.h"
-#include "dg_capture.h"
 #include "on_demand.h"
 #include "vk_string.h"
 #include "vk_time.h"
@@ -13,20 +9,9 @@
 namespace
 {
 
-class GarbageCollector : public agent_home::AgentHomeTest
+class GarbageCollector : public agent_home::CommandHomeTest
 {
   protected:
-    void SetUp() override
-    {
-        agent_home::AgentHomeTest::SetUp();
-        dg.publish();
-        ASSERT_EQ(init_chunk_hash(), 0);
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(init_chunk_hash(), 0);
-        agent_home::AgentHomeTest::TearDown();
-    }
     // A transfer for agent `id` with time-out `timeout_ms` that received its first chunk.
     void start_transfer(const std::string &id, uint32_t timeout_ms)
     {
@@ -50,7 +35,6 @@ class GarbageCollector : public agent_home::AgentHomeTest
             ASSERT_EQ(read_msg_nio(packet.data(), &dg.agent), 0);
         dg.results();
     }
-    dg_capture::fake_dg dg;
 };
 
 TEST_F(GarbageCollector, SweepRemovesStaleTransfersOnly)

@@ -1,7 +1,5 @@
-// Tests of the start-up helpers: ${NAME} expansion, the single-instance guard on the pid
-// file (fresh, stale, locked by another starter, unopenable; a live process is the scenario
-// tests' part) and the drop
-// report's wrap-around. The manager home is a private temporary directory.
+// The start-up helpers: ${NAME} expansion, the single-instance guard on the pid file and the drop
+// report's wrap-around, in a private manager home.
 #include "util.h"
 
 #include "daemon_support.h"

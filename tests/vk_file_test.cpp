@@ -1,6 +1,5 @@
-// The one way the agent opens a home file for reading: a regular file, a link, a FIFO, a
-// directory, a missing name, and the root agent's refusal of a file others may write or own.
-// Refusals are reported (on standard error here: no log is set up); a missing file is not.
+// The one way the agent opens a home file for reading. Refusals are reported (on standard error
+// here: no log is set up); a missing file is not.
 #include "vk_file.h"
 
 #include <sys/stat.h>

@@ -1,6 +1,5 @@
-// SHA-256 against the published test vectors with both block functions, fed in one piece and
-// in pieces across block edges; the two functions agree on other data too. (The patch scenario
-// compares a received file's digest with sha256sum.)
+// SHA-256 against the published vectors with both block functions, whole and in pieces across
+// block edges.
 #include <gtest/gtest.h>
 
 #include <algorithm>

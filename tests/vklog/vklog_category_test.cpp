@@ -1,6 +1,5 @@
-// Tests of vklog's categories: set-up the way the agent does it, the table of 12, the
-// environment switch, applying and re-applying configurations, reload from a file, the
-// end of use and the standard-output category.
+// vklog's categories: set-up as the agent does it, the environment switch, (re-)applying
+// configurations and reload from a file.
 #include "vklog_test_util.h"
 
 namespace

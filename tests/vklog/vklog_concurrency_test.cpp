@@ -1,6 +1,5 @@
-// Concurrency test of vklog, meant for ThreadSanitizer too: threads log while the main thread
-// re-applies configurations (unchanged ones, as the agent's refresh does, and changed ones that
-// swap) and the file rotates. Every line must land exactly once across the file and backups.
+// vklog under threads (for ThreadSanitizer too): lines logged while configurations are
+// re-applied and the file rotates must each land exactly once.
 #include "vklog_test_util.h"
 
 #include <atomic>

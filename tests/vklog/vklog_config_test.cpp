@@ -1,6 +1,5 @@
-// Tests of vklog_config: every configuration key with its error code, ${NAME} expansion,
-// finishing, the level filter and the configuration file loader. (The DEFAULT preset's header
-// shows in every line the agent scenarios read.)
+// vklog_config: every key with its error code, expansion, finishing, the level filter and the
+// configuration file loader.
 #include "vklog_test_util.h"
 
 #include <cstring>

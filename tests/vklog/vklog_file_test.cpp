@@ -1,6 +1,5 @@
-// Tests of the file side of vklog: the line header, the per-line file writer, the backup
-// ring with its restart rule and clean-up, a failed rotation, and the hex dump. Every test
-// works in its own temporary directory.
+// The file side of vklog: the line header, the file writer, the backup ring, a failed rotation
+// and the hex dump, each test in its own temporary directory.
 #include "vklog_test_util.h"
 
 #include <cctype>
@@ -268,10 +267,9 @@ TEST_F(VklogFile, LoweringTheBackupCountRemovesSurplusBackups)
     EXPECT_FALSE(exists("agent.log.4"));
 }
 
-// A log file that cannot be written: each hazard below is set up, a line finds it (said once
-// on standard error, with the reason), lines during the pause that follows are dropped even
-// once the hazard is gone, and logging resumes within about a second of the fix. Nothing
-// is ever written through a link or into a FIFO, and a FIFO never blocks.
+// Each hazard is said once on standard error with its reason; lines in the pause that follows
+// are dropped, and logging resumes within about a second of the fix. Nothing is ever written
+// through a link or into a FIFO, and a FIFO never blocks.
 TEST_F(VklogFile, UnwritableFileIsSaidOnceAndRetriedEverySecond)
 {
     const std::string log = path("agent.log"), d = path("d");
