@@ -80,6 +80,10 @@ __attribute__((target("sha,sse4.1"))) void blocks_shani(uint32_t state[8], const
         __m128i msg[4];
         for (int i = 0; i < 4; i++)
             msg[i] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(data + 16 * i)), byte_swap);
+        // Unrolled, the four schedule words stay in registers (indexed by a variable they go
+        // through the stack on every round). -O3 unrolls it anyway; at -O2 (RelWithDebInfo)
+        // this is 2.0 GB/s instead of 1.6 on the benchmark machine.
+#pragma GCC unroll 16
         for (int r = 0; r < 16; r++) {
             __m128i &m = msg[r & 3];
             __m128i k = _mm_loadu_si128(reinterpret_cast<const __m128i *>(&k_round[4 * r]));
